@@ -1,0 +1,143 @@
+#ifndef VEKMSG_FOUNDATION_FREE_LIST_H
+#define VEKMSG_FOUNDATION_FREE_LIST_H
+
+#include <cstddef>
+#include <memory>
+#include <new>
+
+// Off for builds that watch memory (sanitizers, failing allocations): there every object must come from the
+// heap.
+#ifndef VEKMSG_FREE_LISTS
+#define VEKMSG_FREE_LISTS 1
+#endif
+
+namespace libcpp {
+
+/// Memory blocks of one size that this thread has used and will soon use again, so that the steady exchange
+/// of messages asks nothing of the heap. At most `MaxHeld` blocks wait per thread; they go back to the heap
+/// when the thread ends, and blocks released after that go there directly. A block may be released by any
+/// thread.
+template <std::size_t BlockSize, unsigned int MaxHeld>
+class FreeList_ {
+public:
+    /// At least BlockSize bytes, aligned for any object; null when memory is short.
+    static void* take() noexcept {
+        Chain_& chain = t_chain;
+        if (chain.m_p_first == nullptr) return ::operator new(kSize, std::nothrow);
+        Link_* p_link = chain.m_p_first;
+        chain.m_p_first = p_link->m_p_next;
+        --chain.m_held;
+        return p_link;
+    }
+
+    /// Null is ignored.
+    static void give(void* p_block) noexcept {
+        if (p_block == nullptr) return;
+        Chain_& chain = t_chain;
+        if (chain.m_phase == Phase_::Unused) armDrain(chain);
+        if (chain.m_phase != Phase_::Open || chain.m_held == kMaxHeld) {
+            ::operator delete(p_block);
+            return;
+        }
+        chain.m_p_first = ::new (p_block) Link_{chain.m_p_first};
+        ++chain.m_held;
+    }
+
+private:
+    struct Link_ {
+        Link_* m_p_next;
+    };
+    enum class Phase_ : unsigned char { Unused, Open, Drained };
+
+    // Trivial on purpose: it stays readable while the thread's other objects are being destroyed.
+    struct Chain_ {
+        Link_* m_p_first;
+        unsigned int m_held;
+        Phase_ m_phase;
+    };
+
+    struct Drain_ {
+        Chain_* m_p_chain = nullptr;
+        ~Drain_() {
+            if (m_p_chain == nullptr) return;
+            m_p_chain->m_phase = Phase_::Drained;
+            while (m_p_chain->m_p_first != nullptr) ::operator delete(take());
+        }
+    };
+
+    static constexpr std::size_t kSize = BlockSize < sizeof(Link_) ? sizeof(Link_) : BlockSize;
+    static constexpr unsigned int kMaxHeld = VEKMSG_FREE_LISTS ? MaxHeld : 0;
+
+    static void armDrain(Chain_& chain) noexcept {
+        static thread_local Drain_ t_drain;
+        t_drain.m_p_chain = &chain;
+        chain.m_phase = Phase_::Open;
+    }
+
+    static inline thread_local Chain_ t_chain{nullptr, 0, Phase_::Unused};
+};
+
+/// Puts the nodes of a standard container on the thread's free list.
+template <class T>
+struct FreeListAllocator_ {
+    using value_type = T;
+
+    FreeListAllocator_() noexcept = default;
+    template <class U>
+    FreeListAllocator_(const FreeListAllocator_<U>&) noexcept {}
+
+    T* allocate(std::size_t count) {
+        if (count != 1) return std::allocator<T>().allocate(count);
+        void* p_node = List_::take();
+        if (p_node == nullptr) throw std::bad_alloc();
+        return static_cast<T*>(p_node);
+    }
+    void deallocate(T* p_node, std::size_t count) noexcept {
+        if (count != 1) {
+            std::allocator<T>().deallocate(p_node, count);
+        } else {
+            List_::give(p_node);
+        }
+    }
+
+    template <class U>
+    bool operator==(const FreeListAllocator_<U>&) const noexcept {
+        return true;
+    }
+    template <class U>
+    bool operator!=(const FreeListAllocator_<U>&) const noexcept {
+        return false;
+    }
+
+private:
+    using List_ = FreeList_<sizeof(T), 256>;
+};
+
+/// Gives a class its memory from a free list: derive the class from this and create it with a non-throwing
+/// `new`.
+template <class T, unsigned int MaxHeld>
+struct FromFreeList_ {
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+        return size == sizeof(T) ? FreeList_<sizeof(T), MaxHeld>::take() : ::operator new(size, std::nothrow);
+    }
+    static void* operator new(std::size_t size) {
+        void* p_memory = operator new(size, std::nothrow);
+        if (p_memory == nullptr) throw std::bad_alloc();
+        return p_memory;
+    }
+    static void operator delete(void* p_memory, std::size_t size) noexcept {
+        if (size == sizeof(T)) {
+            FreeList_<sizeof(T), MaxHeld>::give(p_memory);
+        } else {
+            ::operator delete(p_memory);
+        }
+    }
+    // Called when the constructor throws; a heap block of another size may be released the same way.
+    static void operator delete(void* p_memory, const std::nothrow_t&) noexcept {
+        ::operator delete(p_memory);
+    }
+};
+
+}  // namespace libcpp
+
+#endif

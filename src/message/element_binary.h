@@ -1,0 +1,88 @@
+#ifndef VEKMSG_MESSAGE_ELEMENT_BINARY_H
+#define VEKMSG_MESSAGE_ELEMENT_BINARY_H
+
+#include <set>
+
+#include "foundation/free_list.h"
+#include "vekmsg/element.h"
+
+class VekMessageBinary_;
+class VekmsgElementBinary_;
+using SP_VekmsgElementBinary_ = SmartPointer_<VekmsgElementBinary_>;
+
+/// The library's element: a value in storage of its own or sub-elements, with its encoded form.
+///
+///     outer header   tag, type 0, length of the content item
+///     content item   tag 0, real type, length, then the value or the sub-elements one after another
+///
+/// Trees get deep (a received block holds about 780 levels, an application's raw payload about 5460) and are
+/// read, written, printed and destroyed by recursion: keep the stack frames of those operations small.
+class VekmsgElementBinary_ : public VekmsgElement_, public libcpp::FromFreeList_<VekmsgElementBinary_, 128> {
+public:
+    /// `p_message` is only remembered, never dereferenced: an element may outlive the message that made it.
+    VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message);
+    ~VekmsgElementBinary_() override;
+
+    VekmsgTag_ getTag() const override;
+    bool getValue(unsigned int& value) const override;
+    bool getValue(bool& value) const override;
+    bool getValue(const Utf8Char_*& p_value) const override;
+    bool getValue(const unsigned char*& p_value, unsigned int& length) const override;
+    bool setValue(unsigned int value) override;
+    bool setValue(bool value) override;
+    bool setValue(const Utf8Char_* p_value) override;
+    bool setValue(const unsigned char* p_value, unsigned int length) override;
+    SP_VekmsgElement_ findFirstMatchingSubelement(VekmsgTag_ tag) const override;
+    bool querySubelements(VekmsgTag_ tag) override;
+    SP_VekmsgElement_ getNextSubelement() override;
+    void endQuerySubelements() override;
+    bool addSubelements(SP_VekmsgElement_ sp_subElement) override;
+    SmartPointer_<VekmsgAttribute_> createAttribute(VekmsgTag_ tag) const override;
+    SmartPointer_<VekmsgAttribute_> getAttribute(VekmsgTag_ tag) const override;
+    bool setAttribute(SmartPointer_<VekmsgAttribute_> sp_attribute) override;
+    bool print(std::ostream* p_stream, unsigned int indent) const override;
+    bool getSubElementValue(VekmsgTag_ tag, unsigned int& value) const override;
+    bool getSubElementValue(VekmsgTag_ tag, bool& value) const override;
+    bool getSubElementValue(VekmsgTag_ tag, const Utf8Char_*& p_value) const override;
+    bool getSubElementValue(VekmsgTag_ tag, const unsigned char*& p_value,
+                            unsigned int& length) const override;
+    bool setSubElementValue(VekmsgTag_ tag, unsigned int value) override;
+    bool setSubElementValue(VekmsgTag_ tag, bool value) override;
+    bool setSubElementValue(VekmsgTag_ tag, const Utf8Char_* p_value) override;
+    bool setSubElementValue(VekmsgTag_ tag, const unsigned char* p_value, unsigned int length) override;
+    bool getAttribute(VekmsgTag_ tag, unsigned char*& p_value) const override;
+    bool getAttribute(VekmsgTag_ tag, unsigned int& value) const override;
+    bool setAttribute(VekmsgTag_ tag, const unsigned char* p_value) override;
+    bool setAttribute(VekmsgTag_ tag, unsigned int value) override;
+    bool setTag(VekmsgTag_ tag) override;
+
+    /// By tag; false when `p_other` is null.
+    bool isLess(const VekmsgElementBinary_* p_other) const;
+
+    /// Writes the element so that it ends directly before `p_endOfFreespace`. The bytes written, or 0 with a
+    /// record; the free space is then undefined.
+    unsigned int serialize(unsigned char* p_endOfFreespace, unsigned int freespaceSize) const;
+
+    /// What `serialize` needs, exactly.
+    unsigned int getMaxSerializationSize() const;
+
+    /// Reads one element into this fresh one. The bytes consumed (bytes that an outer length announces beyond
+    /// the content item are left to the caller), or 0 with a record; the element is then partly filled.
+    unsigned int deserialize(const unsigned char* p_bytestream, unsigned int bytestreamLength);
+
+private:
+    using SubElements_ = std::multiset<SP_VekmsgElementBinary_, libcpp::IsLess_<SP_VekmsgElementBinary_>,
+                                       libcpp::FreeListAllocator_<SP_VekmsgElementBinary_>>;
+
+    const VekMessageBinary_* m_p_message;
+    VekmsgTag_ m_tag;
+    VekmsgDataType_ m_type = VEKMSG_UNDEFINED;
+    unsigned char m_value[VEKMSG_MAX_VALUE_SIZE];  // never cleared; bytes from m_writtenSize on count as zero
+    unsigned int m_valueLength = 0;
+    SubElements_ m_subElements;
+    SubElements_::const_iterator m_queryCursor;
+    SubElements_::const_iterator m_queryEnd;
+    unsigned int m_writtenSize = 0;  // up to here this element ever wrote into m_value
+};
+
+#endif

@@ -1,0 +1,96 @@
+#ifndef VEKMSG_TRANSPORT_SOCKET_H
+#define VEKMSG_TRANSPORT_SOCKET_H
+
+#include <poll.h>
+
+#include <cstdint>
+
+#include "libcpp/basic_buffer.h"
+#include "libcpp/time_stamp.h"
+#include "transport/socket_address.h"
+
+class VekSocket_;
+using SP_VekSocket_ = SmartPointer_<VekSocket_>;
+
+/// One non-blocking descriptor: a listener that accepts peers, or a stream that connects, sends one buffer at
+/// a time and receives into one buffer at a time. No call waits; the owner polls and then calls `check` or
+/// `accept`.
+///
+/// Operations that return bool fail with false and a record, unless said otherwise.
+class VekSocket_ : public BasicObject_ {
+public:
+    enum SocketState_ : std::uint32_t {
+        IDLE = 0,
+        INITIALIZED = 1,
+        LISTENING = 2,
+        CONNECTING = 3,
+        CONNECTED = 4
+    };
+
+    enum SendResult_ : std::uint32_t {
+        SEND_FAILED = 0,
+        SEND_OK = 1,   ///< taken over: written whole, or in part with the rest pending
+        SEND_BUSY = 2  ///< not connected, or an earlier buffer is pending; the caller keeps its buffer
+    };
+
+    VekSocket_();
+    ~VekSocket_() override;
+
+    /// Makes a descriptor for this address and binds it, unless it is a wildcard. A local socket file that
+    /// stands in the way is removed. Whatever the socket was before ends.
+    bool initialize(const VekSocketAddress_& localAddress);
+
+    bool listen(unsigned int backlog);
+
+    /// Takes one waiting peer; `sp_socket` is null, and the result true, when nobody waits. When a descriptor
+    /// was accepted but cannot be used, it is left open.
+    bool accept(SP_VekSocket_& sp_socket);
+
+    /// Makes this new socket the stream of an accepted descriptor and its owner.
+    bool accepted(int descriptor, VekSocketAddress_::AddressType_ type);
+
+    /// True when the stream stands or is under way.
+    bool connect(const VekSocketAddress_& remoteAddress);
+
+    /// Looks how a connect under way stands; it fails after 6 seconds. The descriptor stays open on failure.
+    bool connecting();
+
+    /// Writes at once what the descriptor takes; `check` writes the rest, within 8 seconds. After a write
+    /// error the buffer stays pending.
+    SendResult_ send(SP_BasicBuffer_ sp_buffer);
+
+    /// Asks for `size` bytes behind the data of `sp_buffer`, at most for what fits there. Reads nothing yet.
+    bool receive(unsigned int size, SP_BasicBuffer_ sp_buffer);
+
+    /// Does the work that is possible now: connecting, one read, one write. `sp_buffer` gets the buffer of a
+    /// receive that is complete, else null. A closed peer gives false without a record. Pending data is
+    /// written only while a receive is armed.
+    bool check(SP_BasicBuffer_& sp_buffer);
+
+    /// Fills at most one entry; `p_next` is behind it.
+    bool fillPollFd(bool wantWrite, pollfd* p_pollFd, pollfd*& p_next) const;
+
+    bool isConnected() const { return m_state == CONNECTED; }
+    bool isSendDataPending() const { return !m_sp_sendBuffer.isNull() && m_dataToBeSent != 0; }
+
+    /// Closes the descriptor and forgets everything. A listening local socket removes its file.
+    void cleanUp();
+
+    SocketState_ state() const { return m_state; }
+    int descriptor() const { return m_descriptor; }
+    const VekSocketAddress_& localAddress() const { return m_localAddress; }
+    const VekSocketAddress_& remoteAddress() const { return m_remoteAddress; }
+
+private:
+    SocketState_ m_state = IDLE;
+    TimeStamp_ m_timeStamp;
+    int m_descriptor = -1;
+    VekSocketAddress_ m_localAddress;
+    VekSocketAddress_ m_remoteAddress;
+    SP_BasicBuffer_ m_sp_receiveBuffer;
+    unsigned int m_bytesToReceive = 0;
+    SP_BasicBuffer_ m_sp_sendBuffer;
+    unsigned int m_dataToBeSent = 0;
+};
+
+#endif

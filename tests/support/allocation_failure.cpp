@@ -1,0 +1,90 @@
+#include "support/allocation_failure.h"
+
+#include <cstdlib>
+#include <new>
+#include <thread>
+
+namespace {
+
+struct Plan_ {
+    unsigned long m_count;    // allocations so far
+    unsigned long m_failing;  // the one that fails; 0: none
+    bool m_failsAllAfter;
+    bool m_hasStruck;
+};
+
+thread_local Plan_ t_plan{0, 0, false, false};
+
+bool mustFail() noexcept {
+    Plan_& plan = t_plan;
+    ++plan.m_count;
+    if (plan.m_failing == 0) return false;
+    const bool fails = plan.m_failsAllAfter ? plan.m_count >= plan.m_failing : plan.m_count == plan.m_failing;
+    plan.m_hasStruck = plan.m_hasStruck || fails;
+    return fails;
+}
+
+void* allocate(std::size_t size) noexcept {
+    return mustFail() ? nullptr : std::malloc(size != 0 ? size : 1);
+}
+
+void* allocateOrThrow(std::size_t size) {
+    void* p_memory = allocate(size);
+    if (p_memory == nullptr) throw std::bad_alloc();
+    return p_memory;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new[](std::size_t size) {
+    return allocateOrThrow(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return allocate(size);
+}
+void operator delete(void* p_memory) noexcept {
+    std::free(p_memory);
+}
+void operator delete[](void* p_memory) noexcept {
+    std::free(p_memory);
+}
+void operator delete(void* p_memory, std::size_t) noexcept {
+    std::free(p_memory);
+}
+void operator delete[](void* p_memory, std::size_t) noexcept {
+    std::free(p_memory);
+}
+void operator delete(void* p_memory, const std::nothrow_t&) noexcept {
+    std::free(p_memory);
+}
+void operator delete[](void* p_memory, const std::nothrow_t&) noexcept {
+    std::free(p_memory);
+}
+
+AllocationFailure_::AllocationFailure_(unsigned int number, bool andAllAfter) {
+    t_plan.m_failing = t_plan.m_count + number;
+    t_plan.m_failsAllAfter = andAllAfter;
+    t_plan.m_hasStruck = false;
+}
+
+AllocationFailure_::~AllocationFailure_() {
+    t_plan.m_failing = 0;
+}
+
+bool AllocationFailure_::hasStruck() const {
+    return t_plan.m_hasStruck;
+}
+
+unsigned long allocationCount() {
+    return t_plan.m_count;
+}
+
+void inFreshThread(const std::function<void()>& scenario) {
+    std::thread(scenario).join();
+}

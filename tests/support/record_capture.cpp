@@ -1,0 +1,55 @@
+#include "support/record_capture.h"
+
+#include <algorithm>
+#include <ostream>
+
+#include "vekmsg/log.h"
+
+namespace {
+
+std::string withoutBlanks(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+    return text;
+}
+
+void append(void* context, int severity, const LogSite* site, const char* text) {
+    static_cast<Records_*>(context)->emplace_back(severity, site->p_sourceName, site->p_signature, text);
+}
+
+}  // namespace
+
+Record_::Record_(int severity, const std::string& source, const std::string& signature,
+                 const std::string& text)
+    : m_severity(severity), m_source(source), m_signature(withoutBlanks(signature)), m_text(text) {}
+
+bool Record_::operator==(const Record_& other) const {
+    return m_severity == other.m_severity && m_source == other.m_source && m_signature == other.m_signature &&
+           m_text == other.m_text;
+}
+
+std::ostream& operator<<(std::ostream& stream, const Record_& record) {
+    return stream << record.m_severity << ' ' << record.m_source << ' ' << record.m_signature << " \""
+                  << record.m_text << '"';
+}
+
+RecordCapture_::RecordCapture_() {
+    vekmsg_log_set_sink(append, &m_records);
+    vekmsg_log_set_threshold(7);
+}
+
+RecordCapture_::~RecordCapture_() {
+    vekmsg_log_set_sink(nullptr, nullptr);
+    vekmsg_log_set_threshold(4);
+}
+
+Records_ RecordCapture_::take() {
+    Records_ taken;
+    taken.swap(m_records);
+    return taken;
+}
+
+std::vector<std::string> RecordCapture_::takeTexts() {
+    std::vector<std::string> texts;
+    for (const Record_& record : take()) texts.push_back(record.m_text);
+    return texts;
+}
