@@ -88,7 +88,7 @@ struct FreeListAllocator_ {
 
     T* allocate(std::size_t count) {
         if (count != 1) return std::allocator<T>().allocate(count);
-        void* p_node = List_::take();
+        void* p_node = FreeList_<sizeof(T), 256>::take();
         if (p_node == nullptr) throw std::bad_alloc();
         return static_cast<T*>(p_node);
     }
@@ -96,7 +96,7 @@ struct FreeListAllocator_ {
         if (count != 1) {
             std::allocator<T>().deallocate(p_node, count);
         } else {
-            List_::give(p_node);
+            FreeList_<sizeof(T), 256>::give(p_node);
         }
     }
 
@@ -108,9 +108,6 @@ struct FreeListAllocator_ {
     bool operator!=(const FreeListAllocator_<U>&) const noexcept {
         return false;
     }
-
-private:
-    using List_ = FreeList_<sizeof(T), 256>;
 };
 
 /// Gives a class its memory from a free list: derive the class from this and create it with a non-throwing
