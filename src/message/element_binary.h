@@ -74,6 +74,47 @@ private:
     using SubElements_ = std::multiset<SP_VekmsgElementBinary_, libcpp::IsLess_<SP_VekmsgElementBinary_>,
                                        libcpp::FreeListAllocator_<SP_VekmsgElementBinary_>>;
 
+    static constexpr unsigned int kUintSize = 4;
+
+    struct Item_ {
+        VekmsgTag_ m_tag;
+        VekmsgDataType_ m_type;
+        unsigned int m_length;
+        const unsigned char* m_p_value;
+    };
+
+    unsigned int storedUint() const;
+    void storeUint(unsigned int value);
+    void store(const unsigned char* p_bytes, unsigned int length);
+
+    /// False when the text had to be cut.
+    bool storeText(const Utf8Char_* p_text);
+
+    /// Ends the text in the storage at its first zero byte, which may be the first one never written.
+    void closeText();
+
+    /// Takes a type from the wire. Should the value then be refused, what the storage holds stands for it, so
+    /// that as much as the type reads is made to be written.
+    void becomeReceived(VekmsgDataType_ type);
+
+    /// The encoded size of a value that is not complex.
+    unsigned int valueSize() const;
+
+    /// A new element of the same message; null with a record when memory is short.
+    SP_VekmsgElementBinary_ createSibling(VekmsgTag_ tag) const;
+
+    /// Null when there was no such sub-element and none could be added.
+    SP_VekmsgElement_ findOrAddSubElement(VekmsgTag_ tag);
+
+    unsigned int serializeSubElements(unsigned char* p_endOfFreespace, unsigned int freespaceSize) const;
+
+    // The stages of reading: the content item, and the sub-elements in it.
+    bool deserialize(const Item_& content);
+    bool deserialize(const Item_& content, SubElements_& subElements);
+
+    bool printValue(std::ostream& stream, unsigned int indent) const;
+    bool printSubElements(std::ostream& stream, unsigned int indent) const;
+
     const VekMessageBinary_* m_p_message;
     VekmsgTag_ m_tag;
     VekmsgDataType_ m_type = VEKMSG_UNDEFINED;
@@ -82,7 +123,7 @@ private:
     SubElements_ m_subElements;
     SubElements_::const_iterator m_queryCursor;
     SubElements_::const_iterator m_queryEnd;
-    unsigned int m_writtenSize = 0;  // up to here this element ever wrote into m_value
+    unsigned int m_writtenSize = 0;  // up to here this element wrote into m_value; m_valueLength is within
 };
 
 #endif

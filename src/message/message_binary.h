@@ -85,6 +85,24 @@ public:
     static bool printIndents(std::ostream* p_stream, unsigned int indent);
 
 private:
+    /// The payload, or null when it is of a foreign class.
+    const VekmsgElementBinary_* binaryPayload() const;
+
+    bool canReuseRawPayload(unsigned int size) const;
+
+    // The stages of encoding a message of `size` bytes: a new buffer, then from the end to the start the raw
+    // payload or the tree, and the header items. Each puts its bytes in front of the data.
+    bool serialize(unsigned int size, SP_BasicBuffer_& sp_buffer) const;
+    bool prependRawPayload(BasicBuffer_& buffer) const;
+    unsigned int serialize(unsigned int size, BasicBuffer_& buffer) const;
+    unsigned int prependHeader(BasicBuffer_& buffer) const;
+
+    /// Reads the header items. Their size, or 0 with a record.
+    unsigned int deserialize(const unsigned char* p_bytes, unsigned int length);
+
+    void printPayloadSchema(std::ostream& stream, unsigned int indent) const;
+    bool printPayload(std::ostream& stream, unsigned int indent) const;
+
     Utf8String_ m_destination;
     Utf8String_ m_source;
     unsigned int m_timeToLive = 3;

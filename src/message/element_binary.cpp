@@ -1,0 +1,329 @@
+#include "message/element_binary.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "foundation/exception_barrier.h"
+#include "foundation/log_record.h"
+#include "message/message_binary.h"
+
+namespace {
+
+bool isAny(VekmsgTag_ tag) {
+    return vekMsgTagCompare(tag, VEKMSGTAG_ANY) == 0;
+}
+
+}  // namespace
+
+VekmsgElementBinary_::VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message)
+    : m_p_message(p_message), m_tag(tag) {}
+
+VekmsgElementBinary_::~VekmsgElementBinary_() = default;
+
+VekmsgTag_ VekmsgElementBinary_::getTag() const {
+    return m_tag;
+}
+
+bool VekmsgElementBinary_::setTag(VekmsgTag_ tag) {
+    m_tag = tag;
+    return true;
+}
+
+bool VekmsgElementBinary_::isLess(const VekmsgElementBinary_* p_other) const {
+    return p_other != nullptr && vekMsgTagCompare(m_tag, p_other->m_tag) < 0;
+}
+
+// Values
+
+unsigned int VekmsgElementBinary_::storedUint() const {
+    return static_cast<unsigned int>(m_value[0]) << 24 | static_cast<unsigned int>(m_value[1]) << 16 |
+           static_cast<unsigned int>(m_value[2]) << 8 | m_value[3];
+}
+
+bool VekmsgElementBinary_::getValue(unsigned int& value) const {
+    if (m_type != VEKMSG_UINT) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::getValue() wrong data type %d. Expecting uint", m_type);
+        return false;
+    }
+    if (m_valueLength < 1 || m_valueLength > kUintSize) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::getValue() wrong data length %u for uint", m_valueLength);
+        return false;
+    }
+    value = storedUint();
+    return true;
+}
+
+bool VekmsgElementBinary_::getValue(bool& value) const {
+    unsigned int number = 0;
+    if (!getValue(number)) return false;
+    value = number != 0;
+    return true;
+}
+
+bool VekmsgElementBinary_::getValue(const Utf8Char_*& p_value) const {
+    if (m_type != VEKMSG_STRING) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::getValue() wrong data type %d. Expecting string", m_type);
+        return false;
+    }
+    p_value = m_value;
+    return true;
+}
+
+bool VekmsgElementBinary_::getValue(const unsigned char*& p_value, unsigned int& length) const {
+    if (m_type != VEKMSG_BINARY) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::getValue() wrong data type %d. Expecting binary", m_type);
+        return false;
+    }
+    p_value = m_value;
+    length = m_valueLength;
+    return true;
+}
+
+bool VekmsgElementBinary_::setValue(unsigned int value) {
+    storeUint(value);
+    m_type = VEKMSG_UINT;
+    return true;
+}
+
+bool VekmsgElementBinary_::setValue(bool value) {
+    return setValue(value ? 1U : 0U);
+}
+
+bool VekmsgElementBinary_::setValue(const Utf8Char_* p_value) {
+    m_type = VEKMSG_UNDEFINED;
+    if (p_value == nullptr) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::setValue() null p_value");
+        return false;
+    }
+    if (!storeText(p_value)) {
+        VEKMSG_LOG_WARNING("VekmsgElementBinary_::setValue() string is longer than %d. Truncated",
+                           VEKMSG_MAX_VALUE_SIZE);
+    }
+    m_type = VEKMSG_STRING;
+    return true;
+}
+
+bool VekmsgElementBinary_::setValue(const unsigned char* p_value, unsigned int length) {
+    m_type = VEKMSG_UNDEFINED;
+    if (p_value == nullptr) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::setValue() null p_value");
+        return false;
+    }
+    if (length > VEKMSG_MAX_VALUE_SIZE) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::setValue() binary length %d is too large. %d max", length,
+                         VEKMSG_MAX_VALUE_SIZE);
+        return false;
+    }
+    store(p_value, length);
+    m_type = VEKMSG_BINARY;
+    return true;
+}
+
+// The value may lie in this very storage: getValue() hands out pointers into it.
+void VekmsgElementBinary_::store(const unsigned char* p_bytes, unsigned int length) {
+    std::memmove(m_value, p_bytes, length);
+    m_writtenSize = std::max(m_writtenSize, length);
+    m_valueLength = length;
+}
+
+void VekmsgElementBinary_::storeUint(unsigned int value) {
+    const unsigned char bytes[kUintSize] = {
+        static_cast<unsigned char>(value >> 24), static_cast<unsigned char>(value >> 16),
+        static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value)};
+    store(bytes, kUintSize);
+}
+
+bool VekmsgElementBinary_::storeText(const Utf8Char_* p_text) {
+    const auto length =
+        static_cast<unsigned int>(strnlen(reinterpret_cast<const char*>(p_text), VEKMSG_MAX_VALUE_SIZE));
+    const bool fits = length < VEKMSG_MAX_VALUE_SIZE;
+    const unsigned int kept = fits ? length : VEKMSG_MAX_VALUE_SIZE - 1;
+    std::memmove(m_value, p_text, kept);
+    std::memset(m_value + kept, 0, std::max(m_writtenSize, kept + 1) - kept);
+    m_valueLength = kept + 1;
+    m_writtenSize = m_valueLength;
+    return fits;
+}
+
+void VekmsgElementBinary_::closeText() {
+    if (m_writtenSize == VEKMSG_MAX_VALUE_SIZE) m_value[VEKMSG_MAX_VALUE_SIZE - 1] = 0;
+    const auto* p_end = static_cast<const unsigned char*>(std::memchr(m_value, 0, m_writtenSize));
+    if (p_end == nullptr) {
+        p_end = m_value + m_writtenSize;
+        m_value[m_writtenSize++] = 0;
+    }
+    m_valueLength = static_cast<unsigned int>(p_end - m_value) + 1;
+}
+
+void VekmsgElementBinary_::becomeReceived(VekmsgDataType_ type) {
+    m_type = type;
+    if (type == VEKMSG_STRING) closeText();
+    if (m_writtenSize >= kUintSize) return;
+    std::memset(m_value + m_writtenSize, 0, kUintSize - m_writtenSize);
+    m_writtenSize = kUintSize;
+}
+
+// Sub-elements
+
+// What the message's helper makes is of this class, so the cast needs no check at run time.
+SP_VekmsgElementBinary_ VekmsgElementBinary_::createSibling(VekmsgTag_ tag) const {
+    const SP_VekmsgElement_ sp_element = VekMessageBinary_::createElement(tag, m_p_message);
+    return SP_VekmsgElementBinary_(static_cast<VekmsgElementBinary_*>(sp_element.get()));
+}
+
+bool VekmsgElementBinary_::addSubelements(SP_VekmsgElement_ sp_subElement) try {
+    if (sp_subElement.isNull()) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::addSubelements() null sp_subElement");
+        return false;
+    }
+    if (isAny(sp_subElement->getTag())) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::addSubelements() element with tag == ANY");
+        return false;
+    }
+    // Children mostly come in the order of their tags: with the end as a hint that takes constant time. Among
+    // equal tags the new one comes last either way.
+    m_subElements.insert(m_subElements.end(), sp_subElement);
+    m_type = VEKMSG_COMPLEX;
+    return true;
+}
+VEKMSG_RETURN_ON_EXCEPTION(false)
+
+SP_VekmsgElement_ VekmsgElementBinary_::findFirstMatchingSubelement(VekmsgTag_ tag) const {
+    if (m_type != VEKMSG_COMPLEX) return SP_VekmsgElement_();
+    if (isAny(tag)) {
+        if (m_subElements.empty()) return SP_VekmsgElement_();
+        return *m_subElements.begin();
+    }
+    const SP_VekmsgElementBinary_ sp_probe = createSibling(tag);
+    if (sp_probe.isNull()) {
+        VEKMSG_LOG_ERROR(
+            "VekmsgElementBinary_::getFirstMatchingSubelement() createElement() returned invalid object");
+        return SP_VekmsgElement_();
+    }
+    const auto found = m_subElements.lower_bound(sp_probe);
+    if (found == m_subElements.end() || sp_probe->isLess(found->get())) return SP_VekmsgElement_();
+    return *found;
+}
+
+bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
+    if (m_type != VEKMSG_COMPLEX) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::querySubelements() no subelements for simple type");
+        return false;
+    }
+    if (isAny(tag)) {
+        m_queryCursor = m_subElements.begin();
+        m_queryEnd = m_subElements.end();
+        return true;
+    }
+    const SP_VekmsgElementBinary_ sp_probe = createSibling(tag);
+    if (sp_probe.isNull()) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::querySubelements() createElement() returned invalid object");
+        return false;
+    }
+    m_queryCursor = m_subElements.lower_bound(sp_probe);
+    m_queryEnd = m_subElements.upper_bound(sp_probe);
+    return true;
+}
+
+SP_VekmsgElement_ VekmsgElementBinary_::getNextSubelement() {
+    if (m_queryCursor == m_queryEnd) return SP_VekmsgElement_();
+    return *m_queryCursor++;
+}
+
+void VekmsgElementBinary_::endQuerySubelements() {
+    m_queryCursor = m_subElements.end();
+    m_queryEnd = m_subElements.end();
+}
+
+bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, unsigned int& value) const {
+    const SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
+    return !sp_subElement.isNull() && sp_subElement->getValue(value);
+}
+
+bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, bool& value) const {
+    unsigned int number = 0;
+    if (!getSubElementValue(tag, number)) return false;
+    value = number != 0;
+    return true;
+}
+
+bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, const Utf8Char_*& p_value) const {
+    const SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
+    return !sp_subElement.isNull() && sp_subElement->getValue(p_value);
+}
+
+bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, const unsigned char*& p_value,
+                                              unsigned int& length) const {
+    const SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
+    return !sp_subElement.isNull() && sp_subElement->getValue(p_value, length);
+}
+
+SP_VekmsgElement_ VekmsgElementBinary_::findOrAddSubElement(VekmsgTag_ tag) {
+    SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
+    if (!sp_subElement.isNull()) return sp_subElement;
+    sp_subElement = VekMessageBinary_::createElement(tag, m_p_message);
+    if (sp_subElement.isNull() || !addSubelements(sp_subElement)) return SP_VekmsgElement_();
+    return sp_subElement;
+}
+
+bool VekmsgElementBinary_::setSubElementValue(VekmsgTag_ tag, unsigned int value) {
+    if (isAny(tag)) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::setSubElementValue() Can't set with tag == ANY");
+        return false;
+    }
+    const SP_VekmsgElement_ sp_subElement = findOrAddSubElement(tag);
+    return !sp_subElement.isNull() && sp_subElement->setValue(value);
+}
+
+bool VekmsgElementBinary_::setSubElementValue(VekmsgTag_ tag, bool value) {
+    return setSubElementValue(tag, value ? 1U : 0U);
+}
+
+bool VekmsgElementBinary_::setSubElementValue(VekmsgTag_ tag, const Utf8Char_* p_value) {
+    if (isAny(tag)) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::setSubElementValue() Can't set with tag == ANY");
+        return false;
+    }
+    const SP_VekmsgElement_ sp_subElement = findOrAddSubElement(tag);
+    return !sp_subElement.isNull() && sp_subElement->setValue(p_value);
+}
+
+bool VekmsgElementBinary_::setSubElementValue(VekmsgTag_ tag, const unsigned char* p_value,
+                                              unsigned int length) {
+    if (isAny(tag)) {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::setSubElementValue() Can't set with tag == ANY");
+        return false;
+    }
+    const SP_VekmsgElement_ sp_subElement = findOrAddSubElement(tag);
+    return !sp_subElement.isNull() && sp_subElement->setValue(p_value, length);
+}
+
+// Attributes are not provided.
+
+SmartPointer_<VekmsgAttribute_> VekmsgElementBinary_::createAttribute(VekmsgTag_) const {
+    return SmartPointer_<VekmsgAttribute_>();
+}
+
+SmartPointer_<VekmsgAttribute_> VekmsgElementBinary_::getAttribute(VekmsgTag_) const {
+    return SmartPointer_<VekmsgAttribute_>();
+}
+
+bool VekmsgElementBinary_::setAttribute(SmartPointer_<VekmsgAttribute_>) {
+    return true;
+}
+
+bool VekmsgElementBinary_::getAttribute(VekmsgTag_, unsigned char*&) const {
+    return true;
+}
+
+bool VekmsgElementBinary_::getAttribute(VekmsgTag_, unsigned int&) const {
+    return true;
+}
+
+bool VekmsgElementBinary_::setAttribute(VekmsgTag_, const unsigned char*) {
+    return true;
+}
+
+bool VekmsgElementBinary_::setAttribute(VekmsgTag_, unsigned int) {
+    return true;
+}

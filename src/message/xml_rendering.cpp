@@ -1,0 +1,159 @@
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <ostream>
+
+#include "foundation/byte_dump.h"
+#include "foundation/exception_barrier.h"
+#include "message/attribute_binary.h"
+#include "message/message_binary.h"
+
+// Text and numbers go out unformatted: the width, fill and base that the application set for its own output
+// on the same stream must neither change the lines nor be used up by them.
+
+namespace {
+
+constexpr unsigned int kLongestInlineDump = 8;  // byte strings up to here stay on the line of their tag
+
+void write(std::ostream& stream, const char* p_text) {
+    stream.write(p_text, static_cast<std::streamsize>(std::strlen(p_text)));
+}
+
+void write(std::ostream& stream, const Utf8Char_* p_text) {
+    write(stream, reinterpret_cast<const char*>(p_text));
+}
+
+// Out of line so that the digits take no room in the frames of a deep tree.
+__attribute__((noinline)) void write(std::ostream& stream, unsigned int number) {
+    char digits[10];
+    stream.write(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr - digits);
+}
+
+/// One line: a value between its opening and its closing text.
+template <class Value>
+void writeLine(std::ostream& stream, unsigned int indent, const char* p_opening, Value value,
+               const char* p_closing) {
+    VekMessageBinary_::printIndents(&stream, indent);
+    write(stream, p_opening);
+    write(stream, value);
+    write(stream, p_closing);
+    stream << std::endl;
+}
+
+void writeLine(std::ostream& stream, unsigned int indent, const char* p_text) {
+    writeLine(stream, indent, p_text, "", "");
+}
+
+void writeDump(std::ostream& stream, const unsigned char* p_bytes, unsigned int length) {
+    printBytestream(stream, p_bytes, length, 1, 16, "+++\t", nullptr);
+}
+
+const char* name(VekMessage_::SchemaType_ type) {
+    switch (type) {
+        case VekMessage_::SCHEMA_LITERAL:
+            return "literal";
+        case VekMessage_::SCHEMA_URI:
+            return "uri";
+        default:
+            return "unknown";
+    }
+}
+
+}  // namespace
+
+bool VekMessageBinary_::printIndents(std::ostream* p_stream, unsigned int indent) {
+    static const char s_tabs[] = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
+    if (p_stream == nullptr) return false;
+    while (indent != 0) {
+        const unsigned int count = std::min<unsigned int>(indent, sizeof(s_tabs) - 1);
+        p_stream->write(s_tabs, static_cast<std::streamsize>(count));
+        indent -= count;
+    }
+    return true;
+}
+
+bool VekMessageBinary_::print(std::ostream* p_stream, unsigned int indent) const try {
+    if (p_stream == nullptr) return false;
+    std::ostream& stream = *p_stream;
+    writeLine(stream, indent, R"(<?xml version="1.0"?>)");
+    writeLine(stream, indent, "<vek:Message>");
+    writeLine(stream, indent + 1, "<vek:Sender>", getSource(), "</vek:Sender>");
+    writeLine(stream, indent + 1, "<vek:Receiver>", getDestination(), "</vek:Receiver>");
+    writeLine(stream, indent + 1, "<vek:TimeToLive>", m_timeToLive, "</vek:TimeToLive>");
+    printPayloadSchema(stream, indent + 1);
+    if (!printPayload(stream, indent + 1)) return false;
+    writeLine(stream, indent, "</vek:Message>");
+    return true;
+}
+VEKMSG_RETURN_ON_EXCEPTION(false)
+
+void VekMessageBinary_::printPayloadSchema(std::ostream& stream, unsigned int indent) const {
+    printIndents(&stream, indent);
+    write(stream, R"(<vek:PayloadSchema Type=")");
+    write(stream, name(m_schemaType));
+    writeLine(stream, 0, R"(">)", getPayloadSchema(), "</vek:PayloadSchema>");
+}
+
+bool VekMessageBinary_::printPayload(std::ostream& stream, unsigned int indent) const {
+    if (!m_sp_payload.isNull()) return m_sp_payload->print(&stream, indent);
+    if (m_sp_rawPayload.isNull()) {
+        writeLine(stream, indent, "<null></null>");
+        return true;
+    }
+    writeLine(stream, indent, "<vek:RawPayload>");
+    if (!m_sp_rawPayload->print(&stream, m_sp_rawPayload->dataLength(), 2, 16, nullptr)) return false;
+    writeLine(stream, indent, "</vek:RawPayload>");
+    return true;
+}
+
+bool VekmsgElementBinary_::print(std::ostream* p_stream, unsigned int indent) const try {
+    if (p_stream == nullptr) return false;
+    VekMessageBinary_::printIndents(p_stream, indent);
+    write(*p_stream, "<Tag_");
+    write(*p_stream, m_tag);
+    write(*p_stream, R"( Type=")");
+    if (!printValue(*p_stream, indent)) return false;
+    writeLine(*p_stream, 0, "</Tag_", m_tag, ">");
+    return true;
+}
+VEKMSG_RETURN_ON_EXCEPTION(false)
+
+bool VekmsgElementBinary_::printValue(std::ostream& stream, unsigned int indent) const {
+    switch (m_type) {
+        case VEKMSG_UINT:
+            write(stream, R"(uint">)");
+            write(stream, storedUint());
+            return true;
+        case VEKMSG_STRING:
+            writeLine(stream, 0, R"(string">)");
+            writeLine(stream, indent + 1, "", m_value, "");
+            return VekMessageBinary_::printIndents(&stream, indent);
+        case VEKMSG_BINARY:
+            write(stream, R"(binary">)");
+            if (m_valueLength <= kLongestInlineDump) {
+                writeDump(stream, m_value, m_valueLength);
+                return true;
+            }
+            stream << std::endl;
+            VekMessageBinary_::printIndents(&stream, indent + 1);
+            writeDump(stream, m_value, m_valueLength);
+            stream << std::endl;
+            return VekMessageBinary_::printIndents(&stream, indent);
+        case VEKMSG_COMPLEX:
+            return printSubElements(stream, indent);
+        default:
+            write(stream, R"(unknown">)");
+            return true;
+    }
+}
+
+bool VekmsgElementBinary_::printSubElements(std::ostream& stream, unsigned int indent) const {
+    writeLine(stream, 0, R"(complex">)");
+    for (const SP_VekmsgElementBinary_& sp_child : m_subElements)
+        if (sp_child.isNull() || !sp_child->print(&stream, indent + 1)) return false;
+    return VekMessageBinary_::printIndents(&stream, indent);
+}
+
+bool VekmsgAttributeBinary_::print(std::ostream* p_stream, unsigned int) const {
+    return p_stream != nullptr;
+}
