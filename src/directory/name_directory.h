@@ -1,9 +1,11 @@
 #ifndef VEKMSG_DIRECTORY_NAME_DIRECTORY_H
 #define VEKMSG_DIRECTORY_NAME_DIRECTORY_H
 
+#include <cstddef>
 #include <iosfwd>
 #include <list>
 #include <map>
+#include <string>
 
 #include "libcpp/utf8_string.h"
 
@@ -41,6 +43,11 @@ public:
     void close();
 
 private:
+    // Stages of getEntry, so that records carry its name: one line, and the name in it.
+    static bool getEntry(const std::string& line, unsigned int lineNumber, SP_StdString_& sp_address,
+                         SP_Utf8String_& sp_componentName);
+    static bool getEntry(const char* p_name, std::size_t length, SP_Utf8String_& sp_componentName);
+
     std::multimap<SP_Utf8String_, SP_StdString_, libcpp::IsLess_<SP_Utf8String_>> m_addressesByName;
     std::list<SP_StdString_> m_defaultAddresses;
 };

@@ -82,6 +82,22 @@ public:
     const VekSocketAddress_& remoteAddress() const { return m_remoteAddress; }
 
 private:
+    // Stages of the public operation of the same name, so that records carry its name.
+    bool initialize(int domain, int kind, const char* p_name);
+    bool initialize(VekSockNativeAddr_& native);
+    bool initialize(const char* p_path);
+    bool accept(int descriptor, SP_VekSocket_& sp_socket) const;
+    bool connect();
+    bool check();
+    bool check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete);
+    bool check(BasicBuffer_& sendBuffer);
+
+    void becomeConnected();
+    long writePending() const;
+    void takeOffPending(long written);
+    void dropBuffers();
+    void closeDescriptor();
+
     SocketState_ m_state = IDLE;
     TimeStamp_ m_timeStamp;
     int m_descriptor = -1;

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -70,6 +71,13 @@ public:
     const char* path() const;
 
 private:
+    // Stages of setRealName, for IPv4: the scheme, and what follows it.
+    bool setRealName(const char* p_name, std::size_t length);
+    bool setRealName(const char* p_name, const char* p_endpoint);
+
+    void setPath(const char* p_path);
+    void forget();  // all but the text
+
     AddressType_ m_type = UNKNOWN;
     std::string m_realName;
     VekSockNativeAddr_ m_native;
