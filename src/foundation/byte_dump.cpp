@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <string>
 
+#include "foundation/text_output.h"
+
 namespace {
 
 std::string hexadecimal(const unsigned char* p_bytes, unsigned int length, unsigned int group) {
@@ -14,11 +16,6 @@ std::string hexadecimal(const unsigned char* p_bytes, unsigned int length, unsig
         digits += s_digits[p_bytes[i] & 15];
     }
     return digits;
-}
-
-// The stream's own formatting (width, fill, base) belongs to the application and has no say here.
-void writeUnformatted(std::ostream& stream, const std::string& text) {
-    stream.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 }  // namespace
@@ -33,7 +30,7 @@ bool printBytestream(std::ostream& stream, const unsigned char* p_bytes, unsigne
         if (p_prefix != nullptr) line += p_prefix;
         line += hexadecimal(p_bytes + printed, count, group);
         if (p_suffix != nullptr) line += p_suffix;
-        writeUnformatted(stream, line);
+        writeUnformatted(stream, line.c_str());
         printed += count;
     } while (printed < length);
     return true;

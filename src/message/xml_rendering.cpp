@@ -1,42 +1,24 @@
 #include <algorithm>
-#include <charconv>
-#include <cstring>
 #include <ostream>
 
 #include "foundation/byte_dump.h"
 #include "foundation/exception_barrier.h"
+#include "foundation/text_output.h"
 #include "message/attribute_binary.h"
 #include "message/message_binary.h"
-
-// Text and numbers go out unformatted: the width, fill and base that the application set for its own output
-// on the same stream must neither change the lines nor be used up by them.
 
 namespace {
 
 constexpr unsigned int kLongestInlineDump = 8;  // byte strings up to here stay on the line of their tag
-
-void write(std::ostream& stream, const char* p_text) {
-    stream.write(p_text, static_cast<std::streamsize>(std::strlen(p_text)));
-}
-
-void write(std::ostream& stream, const Utf8Char_* p_text) {
-    write(stream, reinterpret_cast<const char*>(p_text));
-}
-
-// Out of line so that the digits take no room in the frames of a deep tree.
-__attribute__((noinline)) void write(std::ostream& stream, unsigned int number) {
-    char digits[10];
-    stream.write(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr - digits);
-}
 
 /// One line: a value between its opening and its closing text.
 template <class Value>
 void writeLine(std::ostream& stream, unsigned int indent, const char* p_opening, Value value,
                const char* p_closing) {
     VekMessageBinary_::printIndents(&stream, indent);
-    write(stream, p_opening);
-    write(stream, value);
-    write(stream, p_closing);
+    writeUnformatted(stream, p_opening);
+    writeUnformatted(stream, value);
+    writeUnformatted(stream, p_closing);
     stream << std::endl;
 }
 
@@ -89,8 +71,8 @@ VEKMSG_RETURN_ON_EXCEPTION(false)
 
 void VekMessageBinary_::printPayloadSchema(std::ostream& stream, unsigned int indent) const {
     printIndents(&stream, indent);
-    write(stream, R"(<vek:PayloadSchema Type=")");
-    write(stream, name(m_schemaType));
+    writeUnformatted(stream, R"(<vek:PayloadSchema Type=")");
+    writeUnformatted(stream, name(m_schemaType));
     writeLine(stream, 0, R"(">)", getPayloadSchema(), "</vek:PayloadSchema>");
 }
 
@@ -109,9 +91,9 @@ bool VekMessageBinary_::printPayload(std::ostream& stream, unsigned int indent) 
 bool VekmsgElementBinary_::print(std::ostream* p_stream, unsigned int indent) const try {
     if (p_stream == nullptr) return false;
     VekMessageBinary_::printIndents(p_stream, indent);
-    write(*p_stream, "<Tag_");
-    write(*p_stream, m_tag);
-    write(*p_stream, R"( Type=")");
+    writeUnformatted(*p_stream, "<Tag_");
+    writeUnformatted(*p_stream, m_tag);
+    writeUnformatted(*p_stream, R"( Type=")");
     if (!printValue(*p_stream, indent)) return false;
     writeLine(*p_stream, 0, "</Tag_", m_tag, ">");
     return true;
@@ -121,15 +103,15 @@ VEKMSG_RETURN_ON_EXCEPTION(false)
 bool VekmsgElementBinary_::printValue(std::ostream& stream, unsigned int indent) const {
     switch (m_type) {
         case VEKMSG_UINT:
-            write(stream, R"(uint">)");
-            write(stream, storedUint());
+            writeUnformatted(stream, R"(uint">)");
+            writeUnformatted(stream, storedUint());
             return true;
         case VEKMSG_STRING:
             writeLine(stream, 0, R"(string">)");
             writeLine(stream, indent + 1, "", m_value, "");
             return VekMessageBinary_::printIndents(&stream, indent);
         case VEKMSG_BINARY:
-            write(stream, R"(binary">)");
+            writeUnformatted(stream, R"(binary">)");
             if (m_valueLength <= kLongestInlineDump) {
                 writeDump(stream, m_value, m_valueLength);
                 return true;
@@ -142,7 +124,7 @@ bool VekmsgElementBinary_::printValue(std::ostream& stream, unsigned int indent)
         case VEKMSG_COMPLEX:
             return printSubElements(stream, indent);
         default:
-            write(stream, R"(unknown">)");
+            writeUnformatted(stream, R"(unknown">)");
             return true;
     }
 }
