@@ -1,0 +1,169 @@
+#ifndef VEKMSG_TERMINAL_TERMINAL_IMPL_H
+#define VEKMSG_TERMINAL_TERMINAL_IMPL_H
+
+#include <poll.h>
+
+#include <list>
+#include <set>
+
+#include "directory/name_directory.h"
+#include "foundation/free_list.h"
+#include "message/message_binary.h"
+#include "terminal/connection.h"
+#include "transport/socket.h"
+#include "vekmsg/filter.h"
+#include "vekmsg/message.h"
+#include "vekmsg/terminal.h"
+
+/// A component's endpoint: what is behind the facade and behind a C terminal handle.
+///
+/// It owns its listening sockets, its connections and the messages received and not yet taken. All work
+/// happens inside calls, on the caller's thread; nothing waits but the `poll` of waitForMessage and pollFd.
+///
+///     accepted connections:  unresolved (peer has not named itself) -> active (one per peer name)
+///     own connections:       active from the start
+///
+/// The terminal_*.cpp files hold: core (open, close, look-up), poll (one pass over all sockets), send,
+/// receive, wait. Stages of a long operation are private overloads of it, because a record carries the
+/// signature of the function it stands in, and readers know the operation. Nothing is thrown by public
+/// operations.
+class VekmsgTerminalImpl_ {
+public:
+    using WaitResult_ = VekmsgTerminal_::WaitResult_;
+    using PollResult_ = VekmsgTerminal_::PollResult_;
+
+    VekmsgTerminalImpl_();
+    ~VekmsgTerminalImpl_();
+    VekmsgTerminalImpl_(const VekmsgTerminalImpl_&) = delete;
+    VekmsgTerminalImpl_& operator=(const VekmsgTerminalImpl_&) = delete;
+
+    /// What a failed open has taken so far stays until close().
+    bool open(const Utf8Char_* p_componentName, const char* p_directoryPath);
+
+    /// The default transport address and the filters are kept.
+    void close();
+
+    /// Always true.
+    bool setSendFilter(SP_VekmsgFilter_ sp_filter);
+    bool setReceiveFilter(SP_VekmsgFilter_ sp_filter);
+
+    bool CreateMessagePrinter(std::ostream* p_ostrm, const char* p_note, SP_VekmsgFilter_& sp_filter) const;
+
+    /// The usable connection to that peer, or null. One that is of no further use is erased.
+    SP_VekmsgConnection_ findActiveConnection(SP_Utf8String_ sp_peerName);
+
+    /// One pass without waiting: accepts, reads, writes, settles and retires connections. `gotData`: there
+    /// are blocks for receiveMessage. False on a fault that is not one of a single connection; the rest waits
+    /// for the next pass.
+    bool processPollEvents(bool& gotData);
+
+    bool fillPollFdArray(pollfd* p_pollFdBuf, unsigned int& count);
+
+    /// Works on a closed terminal too.
+    bool createMessage(SP_VekMessage_& sp_message);
+
+    bool sendMessage(SP_VekMessage_ sp_message);
+    bool receiveMessage(SP_VekMessage_& sp_message);
+
+    WaitResult_ waitForMessage(unsigned int timeoutMs);
+
+    /// `handles` is an array of pointers ended by null, each of which `accessor` turns into a terminal; a
+    /// null from the accessor stands for a closed one.
+    static PollResult_ pollFd(pollfd* p_pollFd, unsigned int count, unsigned int timeoutMs,
+                              VekmsgTerminalImpl_* (*accessor)(void*), char* handles);
+
+    bool isConnected(const Utf8Char_* p_name) const;
+
+    static constexpr unsigned int kListenBacklog = 20;
+    static constexpr unsigned int kLongestPollMs = 1000;
+    static constexpr unsigned int kWaitPollEntries = 100;
+    static constexpr unsigned int kPollFdEntries = 256;
+    static constexpr unsigned int kCallerPollEntries = 128;
+
+protected:
+    using Connections_ = std::list<SP_VekmsgConnection_, libcpp::FreeListAllocator_<SP_VekmsgConnection_>>;
+    using ActiveConnections_ = std::set<SP_VekmsgConnection_, libcpp::IsLess_<SP_VekmsgConnection_>,
+                                        libcpp::FreeListAllocator_<SP_VekmsgConnection_>>;
+    using Messages_ = std::list<SP_VekMessage_, libcpp::FreeListAllocator_<SP_VekMessage_>>;
+    using AddressNames_ = std::list<SP_StdString_>;
+
+    /// Blocks that had arrived whole when their connection ended.
+    struct KeptBlocks_ {
+        SP_Utf8String_ m_sp_peerName;
+        BufferQueue_ m_blocks;
+    };
+
+    bool isOpen() const { return !m_sp_componentName.isNull(); }
+
+    // The stages of open: the default address, and one own address. The name is null when there is no
+    // default.
+    struct DefaultAddress_ {};
+    struct OwnAddress_ {};
+    void open(DefaultAddress_, SP_StdString_& sp_defaultName);
+    bool open(OwnAddress_, const std::string& addressName, const SP_StdString_& sp_defaultName);
+
+    // The stages of a pass: one listening socket, one unresolved connection, two connections to the same
+    // peer, one active connection. False as for the whole pass.
+    struct Accepting_ {};
+    struct Resolving_ {};
+    struct Settling_ {};
+    struct Serving_ {};
+    bool processPollEvents(Accepting_, VekSocket_& listeningSocket);
+    bool processPollEvents(Resolving_, Connections_::iterator unresolved);
+    bool processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted);
+    void processPollEvents(Serving_, ActiveConnections_::iterator active, bool& gotData);
+
+    // The stages of sending: making a connection, connecting a socket to the first address that takes it, the
+    // next usable address of the list, and handing the framed message to the connection.
+    struct Opening_ {};
+    struct Connecting_ {};
+    struct Selecting_ {};
+    struct Handing_ {};
+    bool sendMessage(Opening_, const SP_Utf8String_& sp_destination, SP_VekmsgConnection_& sp_connection);
+    bool sendMessage(Connecting_, const Utf8String_& destination, AddressNames_& addressNames,
+                     VekSocketAddress_& address, SP_VekSocket_& sp_socket);
+    bool sendMessage(Selecting_, const Utf8String_& destination, AddressNames_& addressNames,
+                     VekSocketAddress_& address);
+    bool sendMessage(Handing_, VekMessageBinary_& message, VekmsgConnection_& connection);
+
+    // The stages of receiving: all blocks of a buffer (what is left undecoded on failure stays in it), its
+    // first block, one message, a message in transit, a ping.
+    struct Blocks_ {};
+    struct FirstBlock_ {};
+    struct Dispatching_ {};
+    struct Forwarding_ {};
+    struct Pinging_ {};
+    enum class Decoded_ { Message, Dropped, Failed };
+    bool receiveMessage(Blocks_, SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName);
+    Decoded_ receiveMessage(FirstBlock_, SP_BasicBuffer_& sp_buffer, SP_BasicBuffer_& sp_rest,
+                            const SP_Utf8String_& sp_peerName, SP_VekMessage_& sp_message);
+    void receiveMessage(Dispatching_, const SP_VekMessage_& sp_message, const SP_Utf8String_& sp_peerName);
+    void receiveMessage(Forwarding_, const SP_VekMessage_& sp_message, const SP_Utf8String_& sp_peerName);
+    void receiveMessage(Pinging_, const SP_VekMessage_& sp_message, const SP_Utf8String_& sp_peerName);
+    bool receiveKeptBlocks();
+    bool receiveFromConnections();
+    bool takeReceivedMessage(SP_VekMessage_& sp_message);
+
+    /// Holds the filter itself, because a filter may replace filters. One that throws refuses.
+    static bool passesFilter(SP_VekmsgFilter_ sp_filter, SP_VekMessage_& sp_message);
+
+    /// Saves what a connection has received whole before it goes.
+    void keepReceivedBlocks(VekmsgConnection_& connection);
+
+    /// Stops and erases a connection, but not what it has received.
+    void retire(ActiveConnections_::iterator active);
+
+    // Tests derive a class from this one to set up states that the outside cannot bring about.
+    SP_Utf8String_ m_sp_componentName;  // null: not open
+    std::list<SP_VekSocket_> m_listeningSockets;
+    Connections_ m_unresolvedConnections;
+    ActiveConnections_ m_activeConnections;
+    Messages_ m_receivedMessages;
+    VekSocketAddress_ m_defaultTransportAddress;  // of type UNKNOWN when there is none
+    NameDirectory_ m_nameDirectory;
+    SP_VekmsgFilter_ m_sp_sendFilter;
+    SP_VekmsgFilter_ m_sp_receiveFilter;
+    std::list<KeptBlocks_> m_keptBlocks;  // oldest first
+};
+
+#endif

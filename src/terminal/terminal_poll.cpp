@@ -1,0 +1,139 @@
+// One pass over all sockets of the terminal, and the poll entries for it.
+
+#include "foundation/exception_barrier.h"
+#include "foundation/log_record.h"
+#include "terminal/terminal_impl.h"
+
+bool VekmsgTerminalImpl_::processPollEvents(bool& gotData) try {
+    gotData = false;
+    if (!isOpen()) return true;
+    for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
+        if (!processPollEvents(Accepting_(), *sp_socket)) return false;
+    }
+    for (auto next = m_unresolvedConnections.begin(); next != m_unresolvedConnections.end();) {
+        if (!processPollEvents(Resolving_(), next++)) return false;
+    }
+    for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();)
+        processPollEvents(Serving_(), next++, gotData);
+    if (!m_keptBlocks.empty()) gotData = true;
+    return true;
+}
+VEKMSG_RETURN_ON_EXCEPTION(false)
+
+bool VekmsgTerminalImpl_::processPollEvents(Accepting_, VekSocket_& listeningSocket) {
+    SP_VekSocket_ sp_socket;
+    if (!listeningSocket.accept(sp_socket)) return false;
+    if (!sp_socket) return true;
+    SP_VekmsgConnection_ sp_connection(new (std::nothrow) VekmsgConnection_);
+    if (!sp_connection) {
+        VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::processPollEvents() Can't create VekmsgConnection_");
+        return false;
+    }
+    if (!sp_connection->setSocket(sp_socket) || !sp_connection->setMyName(m_sp_componentName) ||
+        !sp_connection->setPeerName(SP_Utf8String_()) ||
+        !sp_connection->setMaxFailureRetryCount(sp_socket->remoteAddress().type()) || !sp_connection->start())
+        return false;
+    m_unresolvedConnections.push_back(sp_connection);
+    return true;
+}
+
+bool VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator unresolved) {
+    const SP_VekmsgConnection_ sp_connection = *unresolved;
+    bool hasMessages = false;
+    if (!sp_connection->processPollEvents(hasMessages)) {
+        VEKMSG_LOG_DEBUG("Deleting unresolved connection at %s", printable(sp_connection->getMyName()));
+        keepReceivedBlocks(*sp_connection);
+        sp_connection->stop();
+        m_unresolvedConnections.erase(unresolved);
+        return true;
+    }
+    const SP_Utf8String_ sp_peerName = sp_connection->getPeerName();
+    if (!sp_peerName) return true;
+    if (sp_peerName->empty()) {
+        VEKMSG_LOG_WARNING(
+            "VekmsgTerminalImpl_::processPollEvents(%s) got a null peerName for an unresolved connection",
+            printable(m_sp_componentName));
+        sp_connection->stop();
+    } else {
+        const auto [place, isInserted] = m_activeConnections.insert(sp_connection);
+        if (!isInserted && !processPollEvents(Settling_(), **place, *sp_connection)) return false;
+    }
+    m_unresolvedConnections.erase(unresolved);
+    return true;
+}
+
+// Both ends keep the stream that the component with the smaller name opened: the greater name adopts the
+// accepted socket, the smaller name keeps its own. The old object survives in any case, with all that is
+// queued on it.
+bool VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted) {
+    if (!old.mergeQueues(&accepted)) return false;
+    const SP_Utf8String_ sp_peerName = old.getPeerName();
+    const bool wasFunctional = old.isFunctional();
+    const bool adoptsAccepted = !wasFunctional || *sp_peerName < *m_sp_componentName;
+    if (adoptsAccepted && !old.swapSockets(&accepted)) return false;
+    if (wasFunctional && adoptsAccepted)
+        VEKMSG_LOG_WARNING("Duplicate connections between %s and %s. Closing the old",
+                           printable(m_sp_componentName), printable(sp_peerName));
+    if (!adoptsAccepted)
+        VEKMSG_LOG_WARNING("Duplicate connections between %s and %s. Closing the new one",
+                           printable(m_sp_componentName), printable(sp_peerName));
+    accepted.stop();
+    return true;
+}
+
+void VekmsgTerminalImpl_::processPollEvents(Serving_, ActiveConnections_::iterator active, bool& gotData) {
+    bool hasMessages = false;
+    if ((*active)->processPollEvents(hasMessages)) {
+        gotData = gotData || hasMessages;
+        return;
+    }
+    VEKMSG_LOG_DEBUG("Deleting active connection between %s and %s", printable(m_sp_componentName),
+                     printable((*active)->getPeerName()));
+    retire(active);
+}
+
+bool VekmsgTerminalImpl_::fillPollFdArray(pollfd* p_pollFdBuf, unsigned int& count) {
+    if (!isOpen()) {
+        count = 0;
+        return true;
+    }
+    if (p_pollFdBuf == nullptr) {
+        VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::fillPollFdArray() null p_pollFdBuf for %s",
+                         printable(m_sp_componentName));
+        return false;
+    }
+    if (count < 3) {
+        VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::fillPollFdArray() count %d < 3 for %s", count,
+                         printable(m_sp_componentName));
+        return false;
+    }
+    // One site for each group, so that the line of a record tells which sockets were too many.
+    const pollfd* const p_end = p_pollFdBuf + count;
+    pollfd* p_cursor = p_pollFdBuf;
+    for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
+        if (p_cursor == p_end) {
+            VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::fillPollFdArray() count %d is not enough for %s", count,
+                             printable(m_sp_componentName));
+            return false;
+        }
+        if (!sp_socket->fillPollFd(false, p_cursor, p_cursor)) return false;
+    }
+    for (const SP_VekmsgConnection_& sp_connection : m_unresolvedConnections) {
+        if (p_cursor == p_end) {
+            VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::fillPollFdArray() count %d is not enough for %s", count,
+                             printable(m_sp_componentName));
+            return false;
+        }
+        if (!sp_connection->fillPollFd(p_cursor, p_cursor)) return false;
+    }
+    for (const SP_VekmsgConnection_& sp_connection : m_activeConnections) {
+        if (p_cursor == p_end) {
+            VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::fillPollFdArray() count %d is not enough for %s", count,
+                             printable(m_sp_componentName));
+            return false;
+        }
+        if (!sp_connection->fillPollFd(p_cursor, p_cursor)) return false;
+    }
+    count = static_cast<unsigned int>(p_cursor - p_pollFdBuf);
+    return true;
+}

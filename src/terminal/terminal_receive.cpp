@@ -1,0 +1,185 @@
+// From received blocks to messages: delivered, answered, forwarded or dropped.
+
+#include <cstring>
+
+#include "foundation/exception_barrier.h"
+#include "foundation/log_record.h"
+#include "terminal/terminal_impl.h"
+
+namespace {
+
+// Both texts travel: every component recognises the one and sends the other.
+constexpr char kPingRequest[] = "VEK Pinger Request Format version 1.0";
+constexpr char kPingReply[] = "VEK Pinger Reply Format version 1.0";
+
+/// Cuts `sp_buffer` to its first `length` data bytes; `sp_rest` gets the bytes behind them. Without memory
+/// for a copy those are lost.
+bool splitBehind(const SP_BasicBuffer_& sp_buffer, unsigned int length, SP_BasicBuffer_& sp_rest) {
+    if (sp_buffer->dataLength() == length) return true;
+    sp_rest = sp_buffer->copy();
+    if (sp_rest && !sp_rest->extendDataIntoHeader(-static_cast<int>(length))) return false;
+    return sp_buffer->setDataArea(sp_buffer->dataOffset(), length);
+}
+
+}  // namespace
+
+bool VekmsgTerminalImpl_::receiveMessage(SP_VekMessage_& sp_message) try {
+    sp_message.reset();
+    if (!isOpen()) return true;
+    if (takeReceivedMessage(sp_message)) return true;
+    bool gotData = false;
+    if (!processPollEvents(gotData)) return false;
+    if (!gotData) return true;
+    if (!receiveKeptBlocks() || !receiveFromConnections()) return false;
+    takeReceivedMessage(sp_message);
+    return true;
+}
+VEKMSG_RETURN_ON_EXCEPTION(false)
+
+bool VekmsgTerminalImpl_::takeReceivedMessage(SP_VekMessage_& sp_message) {
+    if (m_receivedMessages.empty()) return false;
+    sp_message = m_receivedMessages.front();
+    m_receivedMessages.pop_front();
+    return true;
+}
+
+bool VekmsgTerminalImpl_::receiveKeptBlocks() {
+    while (!m_keptBlocks.empty()) {
+        KeptBlocks_& oldest = m_keptBlocks.front();
+        const SP_Utf8String_ sp_peerName = oldest.m_sp_peerName;
+        SP_BasicBuffer_ sp_buffer = oldest.m_blocks.front();
+        oldest.m_blocks.pop_front();
+        if (oldest.m_blocks.empty()) m_keptBlocks.pop_front();  // before a filter may come back here
+        if (receiveMessage(Blocks_(), sp_buffer, sp_peerName)) continue;
+        if (sp_buffer) m_keptBlocks.push_front(KeptBlocks_{sp_peerName, BufferQueue_(1, sp_buffer)});
+        return false;
+    }
+    return true;
+}
+
+// Filters, replies and forwarding may insert and erase connections while one is served. So the walk holds on
+// to that one and goes on by name.
+bool VekmsgTerminalImpl_::receiveFromConnections() {
+    for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();) {
+        const SP_VekmsgConnection_ sp_connection = *next;
+        SP_BasicBuffer_ sp_buffer;
+        if (!sp_connection->receiveEncodedMessage(sp_buffer)) {
+            retire(next);
+        } else if (!receiveMessage(Blocks_(), sp_buffer, sp_connection->getPeerName())) {
+            if (sp_buffer) sp_connection->putBackReceived(sp_buffer);
+            return false;
+        }
+        next = m_activeConnections.upper_bound(sp_connection);
+    }
+    return true;
+}
+
+bool VekmsgTerminalImpl_::receiveMessage(Blocks_, SP_BasicBuffer_& sp_buffer,
+                                         const SP_Utf8String_& sp_peerName) {
+    while (sp_buffer) {
+        SP_BasicBuffer_ sp_rest;
+        SP_VekMessage_ sp_message;
+        const Decoded_ decoded = receiveMessage(FirstBlock_(), sp_buffer, sp_rest, sp_peerName, sp_message);
+        if (decoded == Decoded_::Failed) return false;
+        sp_buffer.reset();
+        if (decoded == Decoded_::Dropped) return true;
+        sp_buffer.swap(sp_rest);
+        if (!passesFilter(m_sp_receiveFilter, sp_message)) return false;
+        if (sp_message) receiveMessage(Dispatching_(), sp_message, sp_peerName);
+    }
+    return true;
+}
+
+VekmsgTerminalImpl_::Decoded_ VekmsgTerminalImpl_::receiveMessage(FirstBlock_, SP_BasicBuffer_& sp_buffer,
+                                                                  SP_BasicBuffer_& sp_rest,
+                                                                  const SP_Utf8String_& sp_peerName,
+                                                                  SP_VekMessage_& sp_message) {
+    if (!createMessage(sp_message)) return Decoded_::Failed;
+    const SP_VekMessageBinary_ sp_impMessage = sp_message;
+    if (!sp_impMessage) {
+        VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::receiveMessage() invalid sp_impMessage");
+        return Decoded_::Failed;
+    }
+    const unsigned int headerSize = VekmsgConnection_::getEncodingBlockHeaderSize();
+    if (sp_buffer->dataLength() < headerSize) {
+        VEKMSG_LOG_WARNING("VekmsgTerminalImpl_::receiveMessage(%s) invalid data length %d from %s",
+                           printable(m_sp_componentName), sp_buffer->dataLength(), printable(sp_peerName));
+        return Decoded_::Dropped;
+    }
+    VekmsgConnection_::EncodingBlockType_ type = VekmsgConnection_::NO_ENCODING_BLOCK;
+    unsigned int length = 0;
+    VekmsgConnection_::readEncodingBlockHeader(sp_buffer->data(), type, length);
+    if (!sp_buffer->extendDataIntoHeader(-static_cast<int>(headerSize))) return Decoded_::Failed;
+    if (sp_buffer->dataLength() < length) {
+        VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::receiveMessage(%s) encoding block length %d > data %d from %s",
+                         printable(m_sp_componentName), length, sp_buffer->dataLength(),
+                         printable(sp_peerName));
+        return Decoded_::Dropped;
+    }
+    if (!splitBehind(sp_buffer, length, sp_rest)) return Decoded_::Failed;
+    const unsigned int used = sp_impMessage->deserialize(sp_buffer);
+    if (used == 0) {
+        VEKMSG_LOG_WARNING("%s deserializer failed to handle data from %s", printable(m_sp_componentName),
+                           printable(sp_peerName));
+        return Decoded_::Dropped;
+    }
+    if (used != length)
+        VEKMSG_LOG_WARNING("%s message deserializer used %u out of %u data from %s",
+                           printable(m_sp_componentName), used, length, printable(sp_peerName));
+    return Decoded_::Message;
+}
+
+void VekmsgTerminalImpl_::receiveMessage(Dispatching_, const SP_VekMessage_& sp_message,
+                                         const SP_Utf8String_& sp_peerName) {
+    const Utf8Char_* p_destination = sp_message->getDestination();
+    if (p_destination == nullptr) {
+        VEKMSG_LOG_WARNING("%s dropped a message with NULL destination", printable(m_sp_componentName));
+        return;
+    }
+    if (std::strcmp(printable(p_destination), printable(m_sp_componentName)) != 0) {
+        receiveMessage(Forwarding_(), sp_message, sp_peerName);
+    } else if (std::strcmp(printable(sp_message->getPayloadSchema()), kPingRequest) == 0) {
+        receiveMessage(Pinging_(), sp_message, sp_peerName);
+    } else {
+        m_receivedMessages.push_back(sp_message);
+    }
+}
+
+void VekmsgTerminalImpl_::receiveMessage(Forwarding_, const SP_VekMessage_& sp_message,
+                                         const SP_Utf8String_& sp_peerName) {
+    const unsigned int timeToLive = sp_message->getTimeToLive();
+    if (timeToLive == 0) {
+        VEKMSG_LOG_WARNING("%s can't route a message from %s because TTL = %u, dest %s src %s",
+                           printable(m_sp_componentName), printable(sp_peerName), timeToLive,
+                           printable(sp_message->getDestination()), printable(sp_message->getSource()));
+    } else if (!sp_message->setTimeToLive(timeToLive - 1)) {
+        VEKMSG_LOG_WARNING("%s failed to route a message with stuck TTL from %s with dest %s, src %s, TTL %u",
+                           printable(m_sp_componentName), printable(sp_peerName),
+                           printable(sp_message->getDestination()), printable(sp_message->getSource()),
+                           timeToLive);
+    } else if (!sendMessage(sp_message)) {
+        VEKMSG_LOG_WARNING("%s failed to route a message from %s with dest %s, src %s, TTL %u",
+                           printable(m_sp_componentName), printable(sp_peerName),
+                           printable(sp_message->getDestination()), printable(sp_message->getSource()),
+                           timeToLive);
+    }
+}
+
+/// The reply is the request turned round: same payload, same time-to-live.
+void VekmsgTerminalImpl_::receiveMessage(Pinging_, const SP_VekMessage_& sp_message,
+                                         const SP_Utf8String_& sp_peerName) {
+    const auto* p_reply = reinterpret_cast<const Utf8Char_*>(kPingReply);
+    if (!sp_message->swapSourceDestination()) {
+        VEKMSG_LOG_WARNING("%s failed to generate ping response to %s with dest %s, src %s",
+                           printable(m_sp_componentName), printable(sp_peerName),
+                           printable(sp_message->getDestination()), printable(sp_message->getSource()));
+    } else if (!sp_message->setPayloadSchema(p_reply, VekMessage_::SCHEMA_LITERAL)) {
+        VEKMSG_LOG_WARNING("%s failed to set ping response uri to %s with dest %s, src %s",
+                           printable(m_sp_componentName), printable(sp_peerName),
+                           printable(sp_message->getDestination()), printable(sp_message->getSource()));
+    } else if (!sendMessage(sp_message)) {
+        VEKMSG_LOG_WARNING("%s failed to respond to ping from %s with dest %s, src %s",
+                           printable(m_sp_componentName), printable(sp_peerName),
+                           printable(sp_message->getSource()), printable(sp_message->getDestination()));
+    }
+}
