@@ -14,6 +14,7 @@ struct Plan_ {
 };
 
 thread_local Plan_ t_plan{0, 0, false, false};
+thread_local unsigned long t_releases = 0;
 
 bool mustFail() noexcept {
     Plan_& plan = t_plan;
@@ -34,6 +35,11 @@ void* allocateOrThrow(std::size_t size) {
     return p_memory;
 }
 
+void release(void* p_memory) noexcept {
+    if (p_memory != nullptr) ++t_releases;
+    std::free(p_memory);
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
@@ -49,22 +55,22 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
     return allocate(size);
 }
 void operator delete(void* p_memory) noexcept {
-    std::free(p_memory);
+    release(p_memory);
 }
 void operator delete[](void* p_memory) noexcept {
-    std::free(p_memory);
+    release(p_memory);
 }
 void operator delete(void* p_memory, std::size_t) noexcept {
-    std::free(p_memory);
+    release(p_memory);
 }
 void operator delete[](void* p_memory, std::size_t) noexcept {
-    std::free(p_memory);
+    release(p_memory);
 }
 void operator delete(void* p_memory, const std::nothrow_t&) noexcept {
-    std::free(p_memory);
+    release(p_memory);
 }
 void operator delete[](void* p_memory, const std::nothrow_t&) noexcept {
-    std::free(p_memory);
+    release(p_memory);
 }
 
 AllocationFailure_::AllocationFailure_(unsigned int number, bool andAllAfter) {
@@ -83,6 +89,10 @@ bool AllocationFailure_::hasStruck() const {
 
 unsigned long allocationCount() {
     return t_plan.m_count;
+}
+
+unsigned long releaseCount() {
+    return t_releases;
 }
 
 void inFreshThread(const std::function<void()>& scenario) {

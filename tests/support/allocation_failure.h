@@ -22,6 +22,9 @@ public:
 /// Allocations of this thread since its start.
 unsigned long allocationCount();
 
+/// Blocks that this thread has given back to the heap since its start.
+unsigned long releaseCount();
+
 /// Runs `scenario` in a thread that has no used memory on its lists.
 void inFreshThread(const std::function<void()>& scenario);
 

@@ -1,0 +1,90 @@
+#include "foundation/utf8_name.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+
+#include "support/allocation_failure.h"
+
+namespace {
+
+const Utf8Char_* bytes(const char* p_text) {
+    return reinterpret_cast<const Utf8Char_*>(p_text);
+}
+
+// Longer than what a string keeps inside itself.
+const char g_longName[] = "a component whose name does not fit into the string object";
+
+}  // namespace
+
+TEST(Utf8Name, textIsCopiedUpToItsNul) {
+    std::string text = "sensor";
+
+    const SP_Utf8String_ sp_name = createUtf8String(bytes(text.c_str()));
+    text = "changed";
+
+    ASSERT_TRUE(sp_name);
+    EXPECT_EQ(*sp_name, Utf8String_(bytes("sensor")));
+}
+
+TEST(Utf8Name, aGivenLengthIsKeptWithTheNulBytesInIt) {
+    const SP_Utf8String_ sp_name = createUtf8String(bytes("a\0b"), 3);
+
+    ASSERT_TRUE(sp_name);
+    EXPECT_EQ(*sp_name, Utf8String_(bytes("a\0b"), 3));
+}
+
+TEST(Utf8Name, withoutTextItIsEmpty) {
+    const SP_Utf8String_ sp_name = createUtf8String();
+
+    ASSERT_TRUE(sp_name);
+    EXPECT_TRUE(sp_name->empty());
+}
+
+TEST(Utf8Name, itIsSharedByItsOwners) {
+    SP_Utf8String_ sp_first = createUtf8String(bytes(g_longName));
+    const SP_Utf8String_ sp_second = sp_first;
+
+    sp_first.reset();
+
+    EXPECT_EQ(*sp_second, Utf8String_(bytes(g_longName)));
+}
+
+TEST(Utf8Name, assigningItsOwnStringKeepsIt) {
+    SP_Utf8String_ sp_name = createUtf8String(bytes(g_longName));
+
+    sp_name = sp_name.get();
+
+    EXPECT_EQ(*sp_name, Utf8String_(bytes(g_longName)));
+}
+
+TEST(Utf8Name, anotherStringTakesItsPlace) {
+    SP_Utf8String_ sp_name = createUtf8String(bytes(g_longName));
+
+    sp_name = new Utf8String_(bytes("other"));
+
+    EXPECT_EQ(*sp_name, Utf8String_(bytes("other")));
+}
+
+TEST(Utf8Name, aShortNameTakesOneAllocation) {
+    inFreshThread([] {
+        const unsigned long before = allocationCount();
+        const SP_Utf8String_ sp_name = createUtf8String(bytes("sensor"));
+        EXPECT_EQ(allocationCount() - before, 1U);
+    });
+}
+
+TEST(Utf8Name, withoutMemoryItIsNullWhicheverAllocationFails) {
+    for (const unsigned int number : {1U, 2U}) {
+        inFreshThread([number] {
+            const AllocationFailure_ failure(number);
+            EXPECT_TRUE(createUtf8String(bytes(g_longName)).isNull());
+            EXPECT_TRUE(failure.hasStruck());
+        });
+    }
+}
+
+TEST(Utf8Name, aLengthThatNoStringCanHaveGivesNull) {
+    EXPECT_TRUE(createUtf8String(bytes("text"), std::numeric_limits<std::size_t>::max() / 2 + 1).isNull());
+}
