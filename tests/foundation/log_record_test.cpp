@@ -23,6 +23,7 @@ void writeWarning(const char* p_text) {
     VEKMSG_LOG_WARNING("warning %s", p_text);
 }
 
+const int g_errorLine = __LINE__ + 2;
 void writeOneOfEach() {
     VEKMSG_LOG_ERROR("error %d", 1);
     VEKMSG_LOG_WARNING("warning %d", 2);
@@ -204,10 +205,13 @@ TEST_F(LogRecord, aNamePrintsAsItsBytes) {
 }
 
 TEST_F(LogRecord, theDefaultSinkWritesOneLineToStandardError) {
-    const std::string line = standardErrorOf([] { writeWarning("here"); });
+    const std::string line = standardErrorOf([] {
+        vekmsg_log_set_threshold(3);
+        writeOneOfEach();
+    });
 
-    EXPECT_EQ(line, "vekmsg warning: warning here [log_record_test.cpp:" + std::to_string(g_warningLine) +
-                        " void writeWarning(const char*)]\n");
+    EXPECT_EQ(line, "vekmsg error: error 1 [log_record_test.cpp:" + std::to_string(g_errorLine) +
+                        " void writeOneOfEach()]\n");
 }
 
 TEST_F(LogRecord, byDefaultErrorsAndWarningsPass) {
