@@ -2,12 +2,12 @@
 #include <gtest/gtest.h>
 #include <link.h>
 
-#include <array>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "packaging/elf_file.h"
 #include "vekmsg/log.h"

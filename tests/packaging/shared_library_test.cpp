@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "packaging/elf_file.h"
 
