@@ -113,7 +113,9 @@ public:
     virtual ~SmartPointer_() { removeRef(m_p_pointee); }
 
     SmartPointer_& operator=(const SmartPointer_& other) {
-        SmartPointer_(other).swap(*this);
+        if (this == &other) return *this;
+        SmartPointer_ shared(other);
+        swap(shared);
         return *this;
     }
     SmartPointer_& operator=(SmartPointer_&& other) noexcept {

@@ -13,6 +13,6 @@ void writeUnformatted(std::ostream& stream, const Utf8Char_* p_text) {
 }
 
 void writeUnformatted(std::ostream& stream, unsigned int number) {
-    char digits[10];
+    char digits[10] = {};
     stream.write(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr - digits);
 }

@@ -15,6 +15,8 @@ bool isAny(VekmsgTag_ tag) {
 
 }  // namespace
 
+// The value storage stays as it is: clearing it would cost more than everything else that an element does.
+// cppcheck-suppress uninitMemberVar
 VekmsgElementBinary_::VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message)
     : m_p_message(p_message), m_tag(tag) {}
 

@@ -112,6 +112,7 @@ private:
     bool deserialize(const Item_& content);
     bool deserialize(const Item_& content, SubElements_& subElements);
 
+    bool printElement(std::ostream& stream, unsigned int indent) const;
     bool printValue(std::ostream& stream, unsigned int indent) const;
     bool printSubElements(std::ostream& stream, unsigned int indent) const;
 

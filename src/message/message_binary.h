@@ -100,6 +100,7 @@ private:
     /// Reads the header items. Their size, or 0 with a record.
     unsigned int deserialize(const unsigned char* p_bytes, unsigned int length);
 
+    bool printMessage(std::ostream& stream, unsigned int indent) const;
     void printPayloadSchema(std::ostream& stream, unsigned int indent) const;
     bool printPayload(std::ostream& stream, unsigned int indent) const;
 

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <ostream>
 
 #include "foundation/byte_dump.h"
@@ -45,18 +44,21 @@ const char* name(VekMessage_::SchemaType_ type) {
 
 bool VekMessageBinary_::printIndents(std::ostream* p_stream, unsigned int indent) {
     static const char s_tabs[] = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
+    constexpr unsigned int kTabs = sizeof(s_tabs) - 1;
     if (p_stream == nullptr) return false;
-    while (indent != 0) {
-        const unsigned int count = std::min<unsigned int>(indent, sizeof(s_tabs) - 1);
-        p_stream->write(s_tabs, static_cast<std::streamsize>(count));
-        indent -= count;
-    }
+    for (; indent >= kTabs; indent -= kTabs) p_stream->write(s_tabs, kTabs);
+    if (indent != 0) p_stream->write(s_tabs, static_cast<std::streamsize>(indent));
     return true;
 }
 
-bool VekMessageBinary_::print(std::ostream* p_stream, unsigned int indent) const try {
-    if (p_stream == nullptr) return false;
-    std::ostream& stream = *p_stream;
+bool VekMessageBinary_::print(std::ostream* p_stream, unsigned int indent) const {
+    try {
+        return p_stream != nullptr && printMessage(*p_stream, indent);
+    }
+    VEKMSG_RETURN_ON_EXCEPTION(false)
+}
+
+bool VekMessageBinary_::printMessage(std::ostream& stream, unsigned int indent) const {
     writeLine(stream, indent, R"(<?xml version="1.0"?>)");
     writeLine(stream, indent, "<vek:Message>");
     writeLine(stream, indent + 1, "<vek:Sender>", getSource(), "</vek:Sender>");
@@ -67,7 +69,6 @@ bool VekMessageBinary_::print(std::ostream* p_stream, unsigned int indent) const
     writeLine(stream, indent, "</vek:Message>");
     return true;
 }
-VEKMSG_RETURN_ON_EXCEPTION(false)
 
 void VekMessageBinary_::printPayloadSchema(std::ostream& stream, unsigned int indent) const {
     printIndents(&stream, indent);
@@ -88,17 +89,22 @@ bool VekMessageBinary_::printPayload(std::ostream& stream, unsigned int indent) 
     return true;
 }
 
-bool VekmsgElementBinary_::print(std::ostream* p_stream, unsigned int indent) const try {
-    if (p_stream == nullptr) return false;
-    VekMessageBinary_::printIndents(p_stream, indent);
-    writeUnformatted(*p_stream, "<Tag_");
-    writeUnformatted(*p_stream, m_tag);
-    writeUnformatted(*p_stream, R"( Type=")");
-    if (!printValue(*p_stream, indent)) return false;
-    writeLine(*p_stream, 0, "</Tag_", m_tag, ">");
+bool VekmsgElementBinary_::print(std::ostream* p_stream, unsigned int indent) const {
+    try {
+        return p_stream != nullptr && printElement(*p_stream, indent);
+    }
+    VEKMSG_RETURN_ON_EXCEPTION(false)
+}
+
+bool VekmsgElementBinary_::printElement(std::ostream& stream, unsigned int indent) const {
+    VekMessageBinary_::printIndents(&stream, indent);
+    writeUnformatted(stream, "<Tag_");
+    writeUnformatted(stream, m_tag);
+    writeUnformatted(stream, R"( Type=")");
+    if (!printValue(stream, indent)) return false;
+    writeLine(stream, 0, "</Tag_", m_tag, ">");
     return true;
 }
-VEKMSG_RETURN_ON_EXCEPTION(false)
 
 bool VekmsgElementBinary_::printValue(std::ostream& stream, unsigned int indent) const {
     switch (m_type) {

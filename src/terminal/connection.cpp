@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "foundation/log_record.h"
 #include "foundation/utf8_name.h"
@@ -14,17 +15,17 @@ bool VekmsgConnection_::setMyName(SP_Utf8String_ sp_myName) {
         VEKMSG_LOG_ERROR("VekmsgConnection_::setMyName() null sp_myName");
         return false;
     }
-    m_sp_myName = sp_myName;
+    m_sp_myName = std::move(sp_myName);
     return true;
 }
 
 bool VekmsgConnection_::setPeerName(SP_Utf8String_ sp_peerName) {
-    m_sp_peerName = sp_peerName;
+    m_sp_peerName = std::move(sp_peerName);
     return true;
 }
 
 bool VekmsgConnection_::setSocket(SP_VekSocket_ sp_socket) {
-    m_sp_socket = sp_socket;
+    m_sp_socket = std::move(sp_socket);
     m_connectionState = STATE_IDLE;
     m_blockType = NO_ENCODING_BLOCK;
     m_blockLength = 0;
@@ -308,7 +309,7 @@ bool VekmsgConnection_::receiveEncodedMessage(SP_BasicBuffer_& sp_buffer) {
 }
 
 bool VekmsgConnection_::sendEncodedMessage(SP_BasicBuffer_ sp_buffer) try {
-    m_sendQueue.push_back(sp_buffer);
+    m_sendQueue.push_back(std::move(sp_buffer));
     if (!sendQueuedBuffers()) return false;
     return m_connectionState != STATE_FAILED || reconnectFailedSocket();
 } catch (...) {

@@ -2,13 +2,14 @@
 
 #include <cstring>
 #include <ostream>
+#include <utility>
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "foundation/text_output.h"
 
 VekmsgPrinter_::VekmsgPrinter_(std::ostream* p_ostrm, SP_Utf8String_ sp_componentName, const char* p_note)
-    : m_p_ostrm(p_ostrm), m_sp_componentName(sp_componentName) {
+    : m_p_ostrm(p_ostrm), m_sp_componentName(std::move(sp_componentName)) {
     const char* p_text = p_note != nullptr ? p_note : "";
     const std::size_t length = strnlen(p_text, sizeof(m_note) - 1);
     std::memcpy(m_note, p_text, length);

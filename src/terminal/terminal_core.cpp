@@ -1,5 +1,7 @@
 // Opening, closing and looking up connections.
 
+#include <utility>
+
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "foundation/utf8_name.h"
@@ -101,7 +103,7 @@ SP_VekmsgConnection_ VekmsgTerminalImpl_::findActiveConnection(SP_Utf8String_ sp
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::findActiveConnection() Can't create VekmsgConnection_");
         return SP_VekmsgConnection_();
     }
-    sp_probe->setPeerName(sp_peerName);
+    sp_probe->setPeerName(std::move(sp_peerName));
     const auto found = m_activeConnections.find(sp_probe);
     if (found == m_activeConnections.end()) return SP_VekmsgConnection_();
     // One that still has to send the name takes messages already: they follow the name.
@@ -121,9 +123,8 @@ void VekmsgTerminalImpl_::keepReceivedBlocks(VekmsgConnection_& connection) {
 }
 
 void VekmsgTerminalImpl_::retire(ActiveConnections_::iterator active) {
-    const SP_VekmsgConnection_ sp_connection = *active;
-    keepReceivedBlocks(*sp_connection);
-    sp_connection->stop();
+    keepReceivedBlocks(**active);
+    (*active)->stop();
     m_activeConnections.erase(active);
 }
 
@@ -143,7 +144,7 @@ bool VekmsgTerminalImpl_::passesFilter(SP_VekmsgFilter_ sp_filter, SP_VekMessage
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
 bool VekmsgTerminalImpl_::CreateMessagePrinter(std::ostream* p_ostrm, const char* p_note,
-                                               SP_VekmsgFilter_& sp_filter) const try {
+                                               SP_VekmsgFilter_& sp_filter) const {
     if (p_ostrm == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::CreateMessagePrinter() null p_ostrm");
         return false;
@@ -159,4 +160,3 @@ bool VekmsgTerminalImpl_::CreateMessagePrinter(std::ostream* p_ostrm, const char
     }
     return true;
 }
-VEKMSG_RETURN_ON_EXCEPTION(false)

@@ -39,7 +39,7 @@ bool VekmsgTerminalImpl_::sendMessage(SP_VekMessage_ sp_message) try {
     if (!passesFilter(m_sp_sendFilter, sp_message)) return false;
     if (!sp_message) return true;
 
-    const SP_VekMessageBinary_ sp_binary = sp_message;
+    const SP_VekMessageBinary_ sp_binary(sp_message);
     if (!sp_binary) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() sp_message is not binary encoded");
         return false;

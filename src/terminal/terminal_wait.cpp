@@ -141,7 +141,7 @@ VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd* p_pollFd, u
 }
 VEKMSG_RETURN_ON_EXCEPTION(VekmsgTerminal_::POLL_ERROR)
 
-bool VekmsgTerminalImpl_::isConnected(const Utf8Char_* p_name) const try {
+bool VekmsgTerminalImpl_::isConnected(const Utf8Char_* p_name) const {
     if (p_name == nullptr) return false;
     const SP_VekmsgConnection_ sp_probe(new (std::nothrow) VekmsgConnection_);
     const SP_Utf8String_ sp_name = createUtf8String(p_name);
@@ -150,4 +150,3 @@ bool VekmsgTerminalImpl_::isConnected(const Utf8Char_* p_name) const try {
     const auto found = m_activeConnections.find(sp_probe);
     return found != m_activeConnections.end() && (*found)->isConnected();
 }
-VEKMSG_RETURN_ON_EXCEPTION(false)

@@ -79,7 +79,8 @@ bool VekSocket_::initialize(const VekSocketAddress_& localAddress) try {
         VEKMSG_LOG_ERROR("VekSocket_::initialize() invalid address type %d", static_cast<int>(type));
         return false;
     }
-    const VekSocketAddress_ address(localAddress);  // it may be a member, which cleanUp resets
+    // It may be a member, which cleanUp resets.  NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
+    const VekSocketAddress_ address(localAddress);
     cleanUp();
     if (!initialize(isLocal ? AF_UNIX : AF_INET, isUdp ? SOCK_DGRAM : SOCK_STREAM,
                     address.realName().c_str()))
