@@ -7,9 +7,14 @@
 
 namespace {
 
-std::string withoutBlanks(std::string text) {
-    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
-    return text;
+/// What all compilers agree on: blanks differ, and so does whether a type that a using-declaration brought in
+/// is shown with its namespace.
+std::string comparable(std::string signature) {
+    static const std::string s_namespace = "libcpp::";
+    signature.erase(std::remove(signature.begin(), signature.end(), ' '), signature.end());
+    for (auto at = signature.find(s_namespace); at != std::string::npos; at = signature.find(s_namespace, at))
+        signature.erase(at, s_namespace.size());
+    return signature;
 }
 
 void append(void* context, int severity, const LogSite* site, const char* text) {
@@ -20,7 +25,7 @@ void append(void* context, int severity, const LogSite* site, const char* text) 
 
 Record_::Record_(int severity, const std::string& source, const std::string& signature,
                  const std::string& text)
-    : m_severity(severity), m_source(source), m_signature(withoutBlanks(signature)), m_text(text) {}
+    : m_severity(severity), m_source(source), m_signature(comparable(signature)), m_text(text) {}
 
 bool Record_::operator==(const Record_& other) const {
     return m_severity == other.m_severity && m_source == other.m_source && m_signature == other.m_signature &&

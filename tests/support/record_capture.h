@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-/// One log record as a test states it. Compilers space signatures differently, so blanks in them do not
-/// count.
+/// One log record as a test states it. Compilers spell signatures differently, so blanks and "libcpp::" in
+/// them do not count.
 struct Record_ {
     Record_(int severity, const std::string& source, const std::string& signature, const std::string& text);
 
