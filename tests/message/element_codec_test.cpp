@@ -342,6 +342,17 @@ TEST_F(ElementCodec, refusedTextOfAFreshElementIsEmpty) {
     EXPECT_EQ(textOf(*sp_fresh), "");
 }
 
+TEST_F(ElementCodec, refusedTextIsWhatTheStorageHoldsAndEndsInIt) {
+    m_sp_element = newBinary(1, bytesOf("xxxxx"));
+    EXPECT_EQ(readString(std::string(9401, 'y')), 0U);
+    EXPECT_EQ(textOf(*m_sp_element), "xxxxx");
+    EXPECT_EQ(m_sp_element->getMaxSerializationSize(), 12U + 6);
+
+    m_sp_element = newBinary(1, Bytes_(9400, 'x'));
+    EXPECT_EQ(readString(std::string(9401, 'y')), 0U);
+    EXPECT_EQ(textOf(*m_sp_element), std::string(9399, 'x'));
+}
+
 TEST_F(ElementCodec, receivedTextMayBeEmpty) {
     EXPECT_EQ(readString(""), 12U);
     EXPECT_EQ(textOf(*m_sp_element), "");
