@@ -81,7 +81,8 @@ bool VekmsgConnection_::sendMyName() {
     }
     if (!sp_buffer->setDataArea(0, headerSize + length)) return false;
     writeEncodingBlockHeader(sp_buffer->data(), VEK_COMPONENT_NAME, length);
-    std::memcpy(sp_buffer->data() + headerSize, m_sp_myName->c_str(), length - 1);
+    // What follows a NUL inside the name stays here.
+    std::strncpy(reinterpret_cast<char*>(sp_buffer->data()) + headerSize, printable(m_sp_myName), length);
     sp_buffer->data()[headerSize + length - 1] = 0;
 
     switch (m_sp_socket->send(sp_buffer)) {

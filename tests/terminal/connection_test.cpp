@@ -343,6 +343,15 @@ TEST_F(Connection, aNameIsSentWithItsNulAndCutTo9400Bytes) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(Connection, aNameEndsAtItsFirstNulAndIsFilledUp) {
+    openOutgoing();
+    m_sp_connection->setMyName(nameOf(std::string("ab\0cd", 5)));
+
+    EXPECT_TRUE(m_sp_connection->start());
+
+    EXPECT_EQ(m_peer.read(10), std::string("\0\1\0\6ab\0\0\0\0", 10));
+}
+
 TEST_F(Connection, withoutMemoryForTheNameBlockStartFails) {
     const char* texts[] = {"VekmsgConnection_::sendMyName() Can't create basicBuffer_",
                            "VekmsgConnection_::sendMyName() can't allocate basicBuffer"};
