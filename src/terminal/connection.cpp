@@ -279,7 +279,8 @@ bool VekmsgConnection_::queueReceivedBlock(SP_BasicBuffer_& sp_buffer) {
         return discardAllDecodedPayload(sp_buffer);
     }
     // Bytes of the next block follow: they move to a buffer of their own, and the block keeps only itself.
-    return discardAllDecodedPayload(sp_buffer) && sp_block->setDataArea(sp_block->dataOffset(), blockSize);
+    const bool isMoved = discardAllDecodedPayload(sp_buffer);
+    return sp_block->setDataArea(sp_block->dataOffset(), blockSize) && isMoved;
 }
 
 bool VekmsgConnection_::receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size,

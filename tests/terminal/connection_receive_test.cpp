@@ -934,3 +934,34 @@ TEST_F(Receiving, withoutMemoryForABlocksPlaceTheConnectionFails) {
     EXPECT_FALSE(m_hasMessages);
     EXPECT_EQ(m_records.take(), Records_{});
 }
+
+TEST_F(Receiving, noShortageOfMemoryDamagesWhatWasReceived) {
+    const Texts_ whole = {block(2, ""), block(2, "hello"), block(2, "you")};
+    bool hasStruck = true;
+    for (unsigned int number = 1; hasStruck; ++number) {
+        ASSERT_LT(number, 100U);
+        afresh([&] {
+            openAccepted();
+            m_peer.write(nameBlock("longer name") + block(2, "") + block(2, "hello") + block(7, "") +
+                         block(2, "you"));
+            awaitBytes(socket().descriptor(), 16 + 4 + 9 + 4 + 7);
+            bool isGood = false;
+            {
+                const AllocationFailure_ failure(number);
+                try {
+                    isGood = turn();
+                } catch (const std::bad_alloc&) {
+                    expectState(Connection_::STATE_FAILED);
+                }
+                hasStruck = failure.hasStruck();
+            }
+            const Texts_ blocks = received();
+            EXPECT_EQ(isGood, !hasStruck) << number;
+            EXPECT_TRUE(!isGood || blocks == whole) << number;
+            ASSERT_LE(blocks.size(), whole.size());
+            for (std::size_t index = 0; index < blocks.size(); ++index)
+                EXPECT_EQ(blocks[index], whole[index]) << number;
+        });
+        m_records.take();
+    }
+}
