@@ -310,6 +310,13 @@ bool VekmsgConnection_::receiveEncodedMessage(SP_BasicBuffer_& sp_buffer) {
     return true;
 }
 
+void VekmsgConnection_::putBackReceived(SP_BasicBuffer_ sp_buffer) try {
+    m_receivedBuffers.push_front(std::move(sp_buffer));
+} catch (...) {
+    m_connectionState = STATE_FAILED;
+    throw;
+}
+
 bool VekmsgConnection_::sendEncodedMessage(SP_BasicBuffer_ sp_buffer) try {
     m_sendQueue.push_back(std::move(sp_buffer));
     if (!sendQueuedBuffers()) return false;

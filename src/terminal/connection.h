@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <list>
-#include <utility>
 
 #include "foundation/free_list.h"
 #include "libcpp/basic_buffer.h"
@@ -91,7 +90,7 @@ public:
     bool receiveEncodedMessage(SP_BasicBuffer_& sp_buffer);
 
     /// Puts a block back to be taken again before all others.
-    void putBackReceived(SP_BasicBuffer_ sp_buffer) { m_receivedBuffers.push_front(std::move(sp_buffer)); }
+    void putBackReceived(SP_BasicBuffer_ sp_buffer);
 
     /// Moves all blocks received and not yet taken to the end of `queue`.
     void moveReceivedTo(BufferQueue_& queue) { queue.splice(queue.end(), m_receivedBuffers); }

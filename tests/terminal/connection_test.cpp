@@ -628,6 +628,17 @@ TEST_F(Connection, withoutMemoryForAPlaceInTheQueueItFails) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(Connection, withoutMemoryToPutABlockBackItFails) {
+    inFreshThread([&] {
+        openNamed();
+        const SP_BasicBuffer_ sp_block = bufferOf("one");
+        const AllocationFailure_ failure(1);
+
+        EXPECT_THROW(m_sp_connection->putBackReceived(sp_block), std::bad_alloc);
+    });
+    EXPECT_EQ(m_sp_connection->state(), Connection_::STATE_FAILED);
+}
+
 TEST_F(Connection, cannotTakeATurnWithoutASocket) {
     m_hasMessages = true;
 
