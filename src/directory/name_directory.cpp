@@ -103,6 +103,7 @@ bool NameDirectory_::getEntry(const char* p_name, std::size_t length, SP_Utf8Str
     return false;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface is fixed
 bool NameDirectory_::getTransportAddresses(SP_Utf8String_ sp_componentName,
                                            std::list<SP_StdString_>& addresses) {
     addresses.clear();

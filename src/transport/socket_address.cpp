@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
