@@ -150,6 +150,10 @@ protected:
     /// Saves what a connection has received whole before it goes.
     void keepReceivedBlocks(VekmsgConnection_& connection);
 
+    /// What a refusing filter has left of a buffer comes first in the next call.
+    void putBack(const SP_BasicBuffer_& sp_buffer, const SP_VekmsgConnection_& sp_connection);
+    void keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName);
+
     /// Stops and erases a connection, but not what it has received.
     void retire(ActiveConnections_::iterator active);
 

@@ -51,10 +51,14 @@ bool VekmsgTerminalImpl_::receiveKeptBlocks() {
         oldest.m_blocks.pop_front();
         if (oldest.m_blocks.empty()) m_keptBlocks.pop_front();  // before a filter may come back here
         if (receiveMessage(Blocks_(), sp_buffer, sp_peerName)) continue;
-        if (sp_buffer) m_keptBlocks.push_front(KeptBlocks_{sp_peerName, BufferQueue_(1, sp_buffer)});
+        if (sp_buffer) keepFirst(sp_buffer, sp_peerName);
         return false;
     }
     return true;
+}
+
+void VekmsgTerminalImpl_::keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName) {
+    m_keptBlocks.push_front(KeptBlocks_{sp_peerName, BufferQueue_(1, sp_buffer)});
 }
 
 // Filters, replies and forwarding may insert and erase connections while one is served. So the walk holds on
@@ -66,12 +70,23 @@ bool VekmsgTerminalImpl_::receiveFromConnections() {
         if (!sp_connection->receiveEncodedMessage(sp_buffer)) {
             retire(next);
         } else if (!receiveMessage(Blocks_(), sp_buffer, sp_connection->getPeerName())) {
-            if (sp_buffer) sp_connection->putBackReceived(sp_buffer);
+            if (sp_buffer) putBack(sp_buffer, sp_connection);
             return false;
         }
         next = m_activeConnections.upper_bound(sp_connection);
     }
     return true;
+}
+
+// A connection that the refusing filter has made end would take the rest of the buffer with it.
+void VekmsgTerminalImpl_::putBack(const SP_BasicBuffer_& sp_buffer,
+                                  const SP_VekmsgConnection_& sp_connection) {
+    const auto found = m_activeConnections.find(sp_connection);
+    if (found != m_activeConnections.end() && *found == sp_connection) {
+        sp_connection->putBackReceived(sp_buffer);
+    } else {
+        keepFirst(sp_buffer, sp_connection->getPeerName());
+    }
 }
 
 bool VekmsgTerminalImpl_::receiveMessage(Blocks_, SP_BasicBuffer_& sp_buffer,

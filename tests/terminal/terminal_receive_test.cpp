@@ -655,6 +655,22 @@ TEST_F(TerminalReceive, theNextConnectionsMayEndWhileAFilterRuns) {
     EXPECT_EQ(m_anna->m_activeConnections.size(), 2U);
 }
 
+TEST_F(TerminalReceive, theRestOfARefusedBufferOutlivesItsConnection) {
+    RawPeer_ bert = peer("bert");
+    setFilter([&](SP_VekMessage_& sp_message) {
+        if (numberIn(sp_message) != 1) return true;
+        bert.close();
+        m_anna->pass();
+        return false;
+    });
+    putBuffer(toAnna(1) + toAnna(2));
+
+    EXPECT_TRUE(fails());
+
+    EXPECT_TRUE(m_anna->active("bert").isNull());
+    EXPECT_EQ(numbersAt(*m_anna), Numbers_{2});
+}
+
 TEST_F(TerminalReceive, aConnectionThatFailsWhenItsTurnComesGoesWithoutARecord) {
     RawPeer_ bert = peer("bert");
     RawPeer_ cora = peer("cora");
