@@ -1,5 +1,6 @@
 #include "support/allocation_failure.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 #include <thread>
@@ -15,6 +16,7 @@ struct Plan_ {
 
 thread_local Plan_ t_plan{0, 0, false, false};
 thread_local unsigned long t_releases = 0;
+std::atomic<long> g_live{0};
 
 bool mustFail() noexcept {
     Plan_& plan = t_plan;
@@ -26,7 +28,9 @@ bool mustFail() noexcept {
 }
 
 void* allocate(std::size_t size) noexcept {
-    return mustFail() ? nullptr : std::malloc(size != 0 ? size : 1);
+    void* p_memory = mustFail() ? nullptr : std::malloc(size != 0 ? size : 1);
+    if (p_memory != nullptr) ++g_live;
+    return p_memory;
 }
 
 void* allocateOrThrow(std::size_t size) {
@@ -36,7 +40,9 @@ void* allocateOrThrow(std::size_t size) {
 }
 
 void release(void* p_memory) noexcept {
-    if (p_memory != nullptr) ++t_releases;
+    if (p_memory == nullptr) return;
+    ++t_releases;
+    --g_live;
     std::free(p_memory);
 }
 
@@ -93,6 +99,10 @@ unsigned long allocationCount() {
 
 unsigned long releaseCount() {
     return t_releases;
+}
+
+long liveAllocations() {
+    return g_live;
 }
 
 void inFreshThread(const std::function<void()>& scenario) {

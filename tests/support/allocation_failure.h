@@ -25,6 +25,9 @@ unsigned long allocationCount();
 /// Blocks that this thread has given back to the heap since its start.
 unsigned long releaseCount();
 
+/// Blocks of the whole process that are in use now, those on lists of running threads included.
+long liveAllocations();
+
 /// Runs `scenario` in a thread that has no used memory on its lists.
 void inFreshThread(const std::function<void()>& scenario);
 
