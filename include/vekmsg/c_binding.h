@@ -13,8 +13,9 @@
  * borrowed. Message and element handles may outlive the terminal. Text and bytes that a getter returns belong
  * to the message or element and stay valid while it lives and that value is not changed.
  *
- * A function fails with VEKMSG_STATUS_FAILURE or null and a record that says why. Outputs are untouched on
- * failure. Handles and everything reachable from them belong to one thread at a time. */
+ * A function fails with VEKMSG_STATUS_FAILURE or null and a record that says why; a lack of memory may leave
+ * none. Outputs are untouched on failure. Handles and everything reachable from them belong to one thread at
+ * a time. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -40,7 +41,7 @@ VEKMSG_API void* vekmsg_terminal_open(const utf8_char_* componentName, const cha
 /* Ends all connections, with whatever is still queued, and the terminal. Null is ignored. */
 VEKMSG_API void vekmsg_terminal_close(void* terminal);
 
-/* A new message with time-to-live 3 and nothing else. */
+/* A new message with time-to-live 3 and nothing else. Null when memory is short. */
 VEKMSG_API void* vekmsg_terminal_create_message(void* terminal);
 
 /* Success means taken over, not arrived. The caller keeps its handle. */
@@ -50,14 +51,15 @@ VEKMSG_API vekmsg_status_ vekmsg_terminal_send_message(void* terminal, void* mes
  * message now. */
 VEKMSG_API vekmsg_status_ vekmsg_terminal_receive_message(void* terminal, void** message);
 
-/* Works until a message may be received, or for `timeout` milliseconds without any event. */
+/* Works until a message may be received, or for `timeout` milliseconds without any event. VEKMSG_WAIT_ERROR
+ * says that it could not go on. */
 VEKMSG_API vekmsg_terminal_wait_result_ vekmsg_terminal_wait_for_message(void* terminal,
                                                                          unsigned int timeout);
 
 /* Waits at most `timeout` milliseconds on `count` descriptors of the caller (at most 128) and on the
- * terminals that follow as handles, ended by a null pointer: (void*)0, not 0. Returns -2 on an error, -1 when
- * the time is over, 0 when a terminal has a message, or the number of the caller's descriptors that are
- * ready. */
+ * terminals that follow as handles, ended by a null pointer: (void*)0, not 0. All descriptors together may be
+ * 256. Returns -2 on an error, -1 when the time is over, 0 when a terminal has a message, or the number of
+ * the caller's descriptors that are ready. */
 VEKMSG_API int vekmsg_terminal_pollfd(struct pollfd* fds, unsigned int count, unsigned int timeout, ...);
 
 VEKMSG_API vekmsg_status_ vekmsg_message_set_destination(void* message, const utf8_char_* destinationName);
@@ -68,7 +70,8 @@ VEKMSG_API const utf8_char_* vekmsg_message_get_source(void* message);
 /* Turns a request into the frame of its reply. */
 VEKMSG_API vekmsg_status_ vekmsg_message_swap_source_destination(void* message);
 
-/* The type does not travel: a received message always says VEKMSG_SCHEMA_LITERAL. */
+/* The type does not travel: a received message always says VEKMSG_SCHEMA_LITERAL, and so does a null handle.
+ */
 VEKMSG_API vekmsg_status_ vekmsg_message_set_payload_schema(void* message, const utf8_char_* schema,
                                                             vekmsg_schema_type_ schemaType);
 VEKMSG_API const utf8_char_* vekmsg_message_get_payload_schema(void* message);

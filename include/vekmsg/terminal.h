@@ -21,8 +21,9 @@ class VekmsgTerminalImpl_;
 /// receive, wait or poll regularly, also one that only sends. A terminal and all its messages belong to one
 /// thread at a time.
 ///
-/// Operations that return bool fail with false and a record that says why. None throws. Every operation but
-/// open and close fails on a terminal that is not open. Deleting a terminal closes it.
+/// Operations that return bool fail with false and a record that says why; a filter that refuses and a lack
+/// of memory may leave none. Nothing is thrown. Every operation but open and close fails on a terminal that
+/// is not open. Deleting a terminal closes it.
 class VEKMSG_API VekmsgTerminal_ {
 public:
     enum WaitResult_ : std::uint32_t { WAIT_ERROR = 0, WAIT_TIMEOUT = 1, WAIT_MESSAGE = 2 };
@@ -38,7 +39,8 @@ public:
     /// for `componentName`. A local socket file at such an address is taken over. A name that is not listed
     /// may open: it has no address, reaches out, and is answered on its own connections. Fails for a null or
     /// empty name, a directory that cannot be read, or an address that cannot be listened on; close() then
-    /// releases what was taken.
+    /// releases what was taken. Opening an open terminal ends its established connections and fails for a TCP
+    /// address, which the terminal itself still holds: close it first.
     virtual bool open(const unsigned char* componentName, const char* directoryPath);
 
     /// Ends all connections at once, with whatever is still queued on them. Harmless on a closed terminal,
@@ -93,9 +95,10 @@ public:
                                    SmartPointer_<Utf8String_>& sp_schema,
                                    SmartPointer_<BasicBuffer_>& sp_payload);
 
-    /// Waits at most `timeout` milliseconds on the caller's `count` descriptors (at most 128) and on any
-    /// number of terminals at once. The terminals follow as VekmsgTerminal_ pointers; a null pointer ends
-    /// them. The returned events of the caller's entries are filled in when at least one of them is ready.
+    /// Waits at most `timeout` milliseconds on the caller's `count` descriptors (at most 128) and on several
+    /// terminals at once; all their descriptors together may be 256. The terminals follow as VekmsgTerminal_
+    /// pointers, ended by a null pointer; closed ones do not count. The returned events of the caller's
+    /// entries are filled in when at least one of them is ready.
     static PollResult_ pollFd(pollfd* p_pollFd, unsigned int count, unsigned int timeout, ...);
 
     /// The inner object of a terminal, null while it is not open.

@@ -11,8 +11,8 @@
 #include "vekmsg/element.h"
 #include "vekmsg/message.h"
 
-// Handles are untyped, so that the counted base has to lie at the very address of a message or element: only
-// then can vekmsg_free_handle release either of them.
+// Handles are untyped. So the counted base has to lie at the very address of a message or element: only then
+// can vekmsg_free_handle release either of them.
 
 namespace {
 

@@ -218,6 +218,16 @@ TEST_F(TerminalFacade, openOnAnOpenTerminalRunsTheSameImplementationAgain) {
     EXPECT_EQ(valueOf(await(m_beta)), 2U);
 }
 
+TEST_F(TerminalFacade, openOnAnOpenTerminalFindsItsTcpAddressTaken) {
+    const std::string directory = m_folder.folder().writeFile("tcp", {freeTcpAddress() + " alpha"});
+    ASSERT_TRUE(m_alpha.open(utf8("alpha"), directory.c_str()));
+
+    EXPECT_FALSE(m_alpha.open(utf8("alpha"), directory.c_str()));
+
+    m_alpha.close();
+    EXPECT_TRUE(m_alpha.open(utf8("alpha"), directory.c_str()));
+}
+
 TEST_F(TerminalFacade, aFailedOpenKeepsItsImplementationUntilClose) {
     EXPECT_FALSE(m_alpha.open(utf8(""), m_folder.directory()));
     EXPECT_EQ(m_records.takeTexts(),
