@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <sstream>
 
 #include "support/system_calls.h"
 #include "terminal/installation.h"
@@ -414,4 +415,27 @@ TEST_F(TerminalCore, aNullFilterSwitchesFilteringOff) {
 
     EXPECT_TRUE(m_terminal.sendMessage(messageTo("bert", 2)));
     EXPECT_EQ(numberIn(receiveAt(*bert)), 2U);
+}
+
+TEST_F(TerminalCore, aPrinterIsAFilterThatPassesWhatItPrints) {
+    const Terminal_ bert = openLocal("bert");
+    EXPECT_TRUE(opens("anna", locals({"bert"})));
+    std::ostringstream output;
+    SP_VekmsgFilter_ sp_sent;
+    SP_VekmsgFilter_ sp_received;
+    EXPECT_TRUE(m_terminal.CreateMessagePrinter(&output, "sent", sp_sent));
+    EXPECT_TRUE(bert->CreateMessagePrinter(&output, "received", sp_received));
+    EXPECT_TRUE(m_terminal.m_sp_sendFilter.isNull());  // making one does not install it
+    m_terminal.setSendFilter(sp_sent);
+    bert->setReceiveFilter(sp_received);
+
+    EXPECT_TRUE(m_terminal.sendMessage(messageTo("bert", 7)));
+    EXPECT_EQ(numbersAt(*bert), std::vector<unsigned int>{7});
+
+    const std::string xml =
+        "<?xml version=\"1.0\"?>\n<vek:Message>\n\t<vek:Sender>anna</vek:Sender>\n"
+        "\t<vek:Receiver>bert</vek:Receiver>\n\t<vek:TimeToLive>3</vek:TimeToLive>\n"
+        "\t<vek:PayloadSchema Type=\"literal\">numbers</vek:PayloadSchema>\n"
+        "\t<Tag_9 Type=\"uint\">7</Tag_9>\n</vek:Message>\n";
+    EXPECT_EQ(output.str(), "\n<!-- anna  sent -->\n" + xml + "\n<!-- bert  received -->\n" + xml);
 }

@@ -62,9 +62,6 @@ constexpr char kWait[] = "VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::
 constexpr char kPollFd[] =
     "static VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd*, unsigned int, unsigned "
     "int, VekmsgTerminalImpl_* (*)(void*), char*)";
-constexpr char kCreatePrinter[] =
-    "bool VekmsgTerminalImpl_::CreateMessagePrinter(std::ostream*, const char*, SP_VekmsgFilter_&) const";
-constexpr char kPrinter[] = "virtual bool VekmsgPrinter_::process(SP_VekMessage_&)";
 
 constexpr char kConnectionStart[] = "bool VekmsgConnection_::start()";
 constexpr char kReconnect[] = "bool VekmsgConnection_::reconnectFailedSocket()";
