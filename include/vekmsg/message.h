@@ -57,7 +57,9 @@ public:
     virtual SP_BasicBuffer_ getRawPayload() const = 0;
 
     /// Each replaces whatever payload there was; null leaves none. A raw payload is one encoded element; the
-    /// message shares the buffer, and sending may use it up.
+    /// message shares the buffer, and sending may use it up: it writes into the room in front of the data. A
+    /// buffer without such room is copied instead; one with room for the message but not for the 4 bytes of
+    /// its block header makes sending fail.
     virtual bool setPayload(SP_VekmsgElement_ sp_payload) = 0;
     virtual bool setRawPayload(SP_BasicBuffer_ sp_rawPayload) = 0;
 

@@ -21,8 +21,9 @@ class VekmsgTerminalImpl_;
 /// receive, wait or poll regularly, also one that only sends. A terminal and all its messages belong to one
 /// thread at a time.
 ///
-/// Operations that return bool fail with false and a record that says why; a filter that refuses and a lack
-/// of memory may leave none. Nothing is thrown. Every operation but open and close fails on a terminal that
+/// Operations that return bool fail with false and a record that says why: at debug level, which the default
+/// threshold leaves out, where a peer is away or an address is taken. A filter that refuses and a lack of
+/// memory may leave none. Nothing is thrown. Every operation but open and close fails on a terminal that
 /// is not open. Deleting a terminal closes it.
 class VEKMSG_API VekmsgTerminal_ {
 public:
@@ -36,7 +37,8 @@ public:
     VekmsgTerminal_& operator=(const VekmsgTerminal_&) = delete;
 
     /// Reads the name directory (null: /etc/vek.names.directory) and listens on the addresses that it lists
-    /// for `componentName`. A local socket file at such an address is taken over. A name that is not listed
+    /// for `componentName`. A local socket file at such an address is taken over, also from a process that
+    /// still listens there: let one process at a time use a name. A name that is not listed
     /// may open: it has no address, reaches out, and is answered on its own connections. Fails for a null or
     /// empty name, a directory that cannot be read, or an address that cannot be listened on; close() then
     /// releases what was taken. Opening an open terminal ends its established connections and fails for a TCP
@@ -62,7 +64,7 @@ public:
     /// refuses a message.
     virtual bool receiveMessage(SmartPointer_<VekMessage_>& sp_message);
 
-    /// Whether messages to that component would leave on an established connection.
+    /// Whether there is an established connection with that component. One is made by sending, not by asking.
     virtual bool isConnected(const unsigned char* componentName) const;
 
     /// Works until receiveMessage() has something to do or `timeout` milliseconds have passed without any
@@ -70,7 +72,9 @@ public:
     virtual WaitResult_ waitForMessage(unsigned int timeout);
 
     /// Describes the terminal's descriptors for a poll() of the caller's own. `count` is the capacity of the
-    /// array on entry, at least 3, and the number of entries on success. Fails when they do not fit.
+    /// array on entry, at least 3, and the number of entries on success. Fails when they do not fit. Ask
+    /// before every poll, because connections come and go. Poll for a second at the longest and call
+    /// receiveMessage() after it in any case: connects and writes have limits that only its work sees.
     virtual bool fillPollFdArray(pollfd* p_pollFd, unsigned int& count);
 
     /// Each replaces the filter and shares it; null removes it. Closing the terminal removes both.
