@@ -6,7 +6,8 @@
 
 #include "libcpp/export.h"
 
-/* The C interface: terminals, messages and elements as opaque handles.
+/* The C interface: terminals, messages and elements as opaque handles. The object interface has more: filters
+ * and the message printer, raw payloads, time-to-live, isConnected, and poll entries for an own event loop.
  *
  * Terminal handles come from vekmsg_terminal_open and end with vekmsg_terminal_close. Message and element
  * handles carry one reference each, given back with vekmsg_free_handle; a handle passed to a function is

@@ -71,7 +71,8 @@ public:
     virtual bool getSubElementValue(VekmsgTag_ tag, const unsigned char*& p_value,
                                     unsigned int& length) const = 0;
 
-    /// Sets the first sub-element with this tag, adding one when there is none. Fails for VEKMSGTAG_ANY, and
+    /// Sets the first sub-element with this tag, adding one when there is none. Write a plain number as `2U`:
+    /// a signed one could be meant as number or as boolean. Fails for VEKMSGTAG_ANY, and
     /// as `setValue` does; the new sub-element then stays, without a value.
     virtual bool setSubElementValue(VekmsgTag_ tag, unsigned int value) = 0;
     virtual bool setSubElementValue(VekmsgTag_ tag, bool value) = 0;
