@@ -167,7 +167,7 @@ TEST_F(Receiving, aNameOfMoreThan9400BytesFailsTheConnection) {
 }
 
 TEST_F(Receiving, namesAreReadUpTo9396Bytes) {
-    for (const std::size_t length : {2, 3, 254, 9394, 9395}) {
+    for (const std::size_t length : {0, 1, 2, 3, 254, 9394, 9395}) {
         openAccepted();
 
         EXPECT_TRUE(deliver(nameBlock(std::string(length, 'n'))));
@@ -629,6 +629,10 @@ TEST_F(Receiving, urgentBytesAreNotPartOfTheStream) {
     turnUntilReceived(3);
 
     EXPECT_EQ(received(), (Texts_{block(2, "one"), block(2, "two"), block(2, "")}));
+    m_peer.writeUrgent('!');
+    m_peer.write(block(2, "four"));
+    turnUntilReceived(4);
+    EXPECT_EQ(bytesOf(m_sp_connection->m_receivedBuffers.back()), block(2, "four"));
     EXPECT_EQ(m_records.take(), Records_{});
 }
 

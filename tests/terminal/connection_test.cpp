@@ -327,6 +327,29 @@ TEST_F(Connection, bytesThatArriveBeforeTheNameIsSentAreDropped) {
     EXPECT_EQ(m_sp_connection->m_sendQueue.size(), 1U);
 }
 
+TEST_F(Connection, bytesInHandAreNotLookedAtWhenTheNameCannotBeSent) {
+    openOutgoing();
+    m_sp_connection->m_connectionState = Connection_::STATE_SENDING_NAME;
+    m_sp_connection->m_sp_wholeUnit = bufferOf(block(2, "12345"));
+    m_calls.fail(SystemCalls_::Send, EPIPE);
+    const std::string address = m_localListener.localAddress().realName();
+
+    EXPECT_FALSE(turn());
+
+    EXPECT_EQ(m_sp_connection->state(), Connection_::STATE_FAILED);
+    EXPECT_FALSE(m_hasMessages);
+    EXPECT_EQ(
+        m_records.take(),
+        (Records_{socketRecord(7, kSend, "send(to " + address + ") failed with error(32): Broken pipe")}));
+}
+
+TEST_F(Connection, withoutASocketTheNameWaits) {
+    EXPECT_TRUE(m_sp_connection->sendMyName());
+
+    EXPECT_EQ(m_sp_connection->state(), Connection_::STATE_SENDING_NAME);
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
 TEST_F(Connection, aNameIsSentWithItsNulAndCutTo9400Bytes) {
     for (const std::size_t length : {0, 1, 2, 3, 254, 9395, 9396, 9397, 9399, 9400, 9401, 20000}) {
         const std::string name(length, 'n');

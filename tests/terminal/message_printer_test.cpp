@@ -208,7 +208,7 @@ namespace {
 class CreatingAPrinter : public MessagePrinter {
 protected:
     void open() {
-        const std::string file = m_folder.writeFile("directory", {"here " + m_folder.localAddress("here")});
+        const std::string file = m_folder.writeFile("directory", {m_folder.localAddress("here") + " here"});
         ASSERT_TRUE(m_terminal.open(utf8("here"), file.c_str()));
         m_records.take();
     }
