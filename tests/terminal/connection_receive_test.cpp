@@ -862,6 +862,36 @@ TEST_F(Receiving, aPendingSendGoesOnInATurnThatReads256Blocks) {
     EXPECT_LE(m_sp_connection->m_receivedBuffers.size(), 256U);
 }
 
+TEST_F(Receiving, thePendingSendIsGivenOneCheckOfAHeaderAtMost) {
+    openEstablished();
+    m_calls.fail(SystemCalls_::Send, EAGAIN, 0, 1000);
+    ASSERT_TRUE(m_sp_connection->sendEncodedMessage(bufferOf("sent")));
+    ASSERT_TRUE(deliver(numberedBlocks(300)));
+    ASSERT_EQ(m_sp_connection->m_receivedBuffers.size(), 256U);
+    m_sp_connection->m_receivedBuffers.push_back(bufferOf("waiting"));
+    expectState(Connection_::STATE_RECEIVING_PAYLOAD);  // the header came with the last check
+    ASSERT_TRUE(turn());
+    const std::size_t unread = unreadBytes(socket().descriptor());
+
+    EXPECT_EQ(m_sp_connection->m_receivedBuffers.size(), 258U);
+    expectState(Connection_::STATE_RECEIVING_PAYLOAD);
+    EXPECT_EQ(unread, 3 + 42 * 7U);  // 258 headers and 257 payloads are read
+    EXPECT_TRUE(socket().isSendDataPending());
+}
+
+TEST_F(Receiving, aPendingSendBeginsNoBlockThatIsInHand) {
+    openAccepted();
+    ASSERT_TRUE(deliver(nameBlock(std::string(2399, 'n'))));
+    m_calls.fail(SystemCalls_::Send, EAGAIN, 0, 1000);
+    ASSERT_TRUE(m_sp_connection->sendEncodedMessage(bufferOf("sent")));
+
+    EXPECT_TRUE(deliver(emptyBlocks(600)));
+    EXPECT_EQ(m_sp_connection->m_receivedBuffers.size(), 256U);
+    EXPECT_TRUE(turn());
+
+    EXPECT_EQ(m_sp_connection->m_receivedBuffers.size(), 256U);
+}
+
 TEST_F(Receiving, theNameGoesOutWhile256BlocksWait) {
     openOutgoing(Type_::INET_TCP);
     awaitWritable(socket().descriptor());

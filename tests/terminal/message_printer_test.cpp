@@ -150,9 +150,11 @@ TEST_F(MessagePrinter, anOwnMessageWithoutAGoodPayloadIsNotDecoded) {
     sp_damaged->data()[0] = sp_damaged->data()[1] = sp_damaged->data()[2] = 0;
     ASSERT_TRUE(sp_message->setRawPayload(sp_damaged));
     ASSERT_FALSE(sp_message->hasGoodPayload());
-    m_records.take();
+    const Records_ recordsOfTheQuestion = m_records.take();
 
     EXPECT_TRUE(print(sp_message, nullptr));
+
+    EXPECT_EQ(m_records.take(), recordsOfTheQuestion);
 
     EXPECT_TRUE(sp_message->getRawPayload());
     EXPECT_TRUE(showsEncodedPayload(m_stream.str()));
