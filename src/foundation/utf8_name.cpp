@@ -4,6 +4,7 @@
 #include <new>
 
 #include "foundation/free_list.h"
+#include "foundation/text_room.h"
 
 namespace {
 
@@ -12,10 +13,13 @@ class NameHolder_ : public libcpp::smartPointerToDumbTypePointer_<Utf8String_>,
                     public libcpp::FromFreeList_<NameHolder_, 64> {
 public:
     NameHolder_(const Utf8Char_* p_text, std::size_t length) : smartPointerToDumbTypePointer_(nullptr) {
-        if (length != 0) m_text.assign(p_text, length);
+        if (length != 0) assignText(m_text, p_text, length);
         m_p_object = &m_text;
     }
-    ~NameHolder_() override { m_p_object = nullptr; }  // the string is a member: the base must not free it
+    ~NameHolder_() override {
+        m_p_object = nullptr;  // the string is a member: the base must not free it
+        keepRoomOf(m_text);
+    }
 
 private:
     Utf8String_ m_text;

@@ -4,17 +4,22 @@
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
+#include "foundation/text_room.h"
 
 VekMessageBinary_::VekMessageBinary_() = default;
 
-VekMessageBinary_::~VekMessageBinary_() = default;
+VekMessageBinary_::~VekMessageBinary_() {
+    keepRoomOf(m_destination);
+    keepRoomOf(m_source);
+    keepRoomOf(m_payloadSchema);
+}
 
 bool VekMessageBinary_::setDestination(const Utf8Char_* p_destinationName) try {
     if (p_destinationName == nullptr) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::setDestination(): null p_destinationName");
         return false;
     }
-    m_destination = p_destinationName;
+    assignText(m_destination, p_destinationName, Utf8CharTraits_::length(p_destinationName));
     return true;
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
@@ -28,7 +33,7 @@ bool VekMessageBinary_::setSource(const Utf8Char_* p_sourceName) try {
         VEKMSG_LOG_ERROR("VekMessageBinary_::setSource(): null p_sourceName");
         return false;
     }
-    m_source = p_sourceName;
+    assignText(m_source, p_sourceName, Utf8CharTraits_::length(p_sourceName));
     return true;
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
@@ -56,7 +61,7 @@ bool VekMessageBinary_::setPayloadSchema(const Utf8Char_* p_schema, SchemaType_ 
         VEKMSG_LOG_ERROR("VekMessageBinary_::setPayloadSchema(): null p_schema");
         return false;
     }
-    m_payloadSchema = p_schema;
+    assignText(m_payloadSchema, p_schema, Utf8CharTraits_::length(p_schema));
     m_schemaType = schemaType;
     return true;
 }

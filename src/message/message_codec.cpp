@@ -4,6 +4,7 @@
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
+#include "foundation/text_room.h"
 #include "message/message_binary.h"
 
 namespace {
@@ -42,7 +43,7 @@ public:
 
     /// The value up to its first NUL. Peers send the NUL, but nothing makes them.
     void copyText(Utf8String_& text) const {
-        text.assign(m_p_value, strnlen(reinterpret_cast<const char*>(m_p_value), m_length));
+        assignText(text, m_p_value, strnlen(reinterpret_cast<const char*>(m_p_value), m_length));
     }
 
     /// Requires a length of 4.

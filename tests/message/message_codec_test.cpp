@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "foundation/free_list.h"
 #include "message/message_fixture.h"
 #include "support/allocation_failure.h"
 
@@ -580,4 +581,33 @@ TEST_F(MessageCodec, theDeepestRawPayloadFitsOnAUsualStack) {
     EXPECT_EQ(dataOf(m_sp_buffer), header("", "", 3, "") + bytes);
     EXPECT_EQ(m_records.takeTexts(),
               std::vector<std::string>{"Message ( -> ) size 65275 could be too large for the peer"});
+}
+
+TEST(MessageMemory, longNamesAreCopiedWithoutTheHeapOnceOthersHaveGone) {
+    const auto exchange = [] {
+        SP_VekMessageBinary_ sp_sent(new (std::nothrow) VekMessageBinary_);
+        sp_sent->setDestination(text("installation.kitchen.temperature-controller"));
+        sp_sent->setSource(text("installation.panel.north-wing"));
+        sp_sent->setPayloadSchema(text("urn:example:installation:temperature:request:1"),
+                                  VekMessage_::SCHEMA_URI);
+        const SP_VekmsgElement_ sp_root = sp_sent->createElement(5);
+        sp_root->setSubElementValue(6, 7U);
+        sp_sent->setPayload(sp_root);
+        SP_BasicBuffer_ sp_buffer;
+        ASSERT_NE(sp_sent->serialize(sp_buffer), 0U);
+        SP_VekMessageBinary_ sp_received(new (std::nothrow) VekMessageBinary_);
+        ASSERT_NE(sp_received->deserialize(sp_buffer), 0U);
+        ASSERT_FALSE(sp_received->getPayload().isNull());
+    };
+    inFreshThread([&] {
+        for (int i = 0; i < 4; ++i) exchange();
+        const unsigned long before = allocationCount();
+
+        for (int i = 0; i < 100; ++i) exchange();
+
+        if (VEKMSG_FREE_LISTS)
+            EXPECT_EQ(allocationCount(), before);
+        else
+            EXPECT_GT(allocationCount(), before);
+    });
 }

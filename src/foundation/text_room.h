@@ -1,0 +1,19 @@
+#ifndef VEKMSG_FOUNDATION_TEXT_ROOM_H
+#define VEKMSG_FOUNDATION_TEXT_ROOM_H
+
+#include <cstddef>
+
+#include "libcpp/utf8_string.h"
+
+// Names and schemas are too long for the room inside a string, and every message brings some. Their room goes
+// from message to message instead of to the heap and back: each thread keeps some, and gives it back when it
+// ends.
+
+/// Makes `text` a copy of `length` bytes, in room that this thread has used before where `text` has too
+/// little. Throws, with `text` as it was, when memory is short. The bytes may lie in `text`.
+void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length);
+
+/// Takes the room of a text that is about to go. Room of its own size, or very much, is not worth keeping.
+void keepRoomOf(Utf8String_& text) noexcept;
+
+#endif
