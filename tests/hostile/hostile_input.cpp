@@ -90,6 +90,7 @@ std::string randomChildren(Random_& random, unsigned int size, unsigned int dept
 
 struct Run_ {
     const char* m_p_what;
+    unsigned long m_count;
     const std::function<Check_()>& m_prepare;
     long m_left = 0;  // blocks not given back when all objects of the thread are gone
 };
@@ -103,8 +104,7 @@ struct LastWord_ {
 };
 thread_local LastWord_ t_lastWord;
 
-void runInputs(const char* p_what, const Check_& check) {
-    const unsigned long count = inputCount();
+void runInputs(const char* p_what, unsigned long count, const Check_& check) {
     const unsigned long first = setting("VEKMSG_HOSTILE_FIRST", 0);
     unsigned long accepted = 0;
     for (unsigned long i = 0; i < count; ++i) {
@@ -128,7 +128,7 @@ void* runThread(void* p_argument) {
     auto* p_run = static_cast<Run_*>(p_argument);
     t_lastWord.m_p_run = p_run;
     try {
-        runInputs(p_run->m_p_what, p_run->m_prepare());
+        runInputs(p_run->m_p_what, p_run->m_count, p_run->m_prepare());
     } catch (const std::exception& exception) {
         ADD_FAILURE() << exception.what();
     }
@@ -206,15 +206,13 @@ unsigned char* GuardedBytes_::room(unsigned int size) {
     return m_p_memory + kGuardedSize - size;
 }
 
-unsigned long inputCount() {
-    return setting("VEKMSG_HOSTILE_COUNT", 2000);
-}
-
-void forEachInput(const char* p_what, const std::function<Check_()>& prepare) {
-    std::printf("  %lu of %s, seed %llu\n", inputCount(), p_what, static_cast<unsigned long long>(seed()));
+void forEachInput(const char* p_what, const std::function<Check_()>& prepare, const char* p_ownCount) {
+    const unsigned long usualCount = setting("VEKMSG_HOSTILE_COUNT", 2000);
+    const unsigned long count = p_ownCount != nullptr ? setting(p_ownCount, usualCount) : usualCount;
+    std::printf("  %lu of %s, seed %llu\n", count, p_what, static_cast<unsigned long long>(seed()));
     const SilentRecords_ silence;
     const unsigned int descriptors = openDescriptors();
-    Run_ run{p_what, prepare};
+    Run_ run{p_what, count, prepare};
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, runThread, &run), 0);
     pthread_join(thread, nullptr);

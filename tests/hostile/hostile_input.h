@@ -58,20 +58,21 @@ private:
 /// be had again: VEKMSG_HOSTILE_SEED sets the seed, VEKMSG_HOSTILE_FIRST the number of the first input.
 /// VEKMSG_HOSTILE_PROGRESS shows how far it is.
 ///
+/// `p_ownCount` names a setting
+/// that takes precedence over the first.
+///
 /// Some inputs must be accepted and some refused. Everything runs in a thread of its own, at whose end all
 /// memory must be back with the heap, and all descriptors must be closed. `prepare` makes the check in that
 /// thread.
 using Check_ = std::function<bool(Random_&)>;
-void forEachInput(const char* p_what, const std::function<Check_()>& prepare);
+void forEachInput(const char* p_what, const std::function<Check_()>& prepare,
+                  const char* p_ownCount = nullptr);
 
 /// Makes a check out of an object that it keeps.
 template <class Object>
 Check_ checkBy() {
     return [sp_object = std::make_shared<Object>()](Random_& random) { return (*sp_object)(random); };
 }
-
-/// How many inputs forEachInput makes.
-unsigned long inputCount();
 
 /// Takes the records of the process and forgets them: they are formatted, and cost no memory.
 class SilentRecords_ {

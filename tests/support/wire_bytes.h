@@ -49,8 +49,8 @@ inline std::string messageBlock(const std::string& message) {
 
 /// A block with a message of exactly `size` bytes, filled up with a binary payload.
 inline std::string messageBlockOfSize(std::size_t size, const std::string& destination,
-                                      const std::string& source) {
-    const std::string start = header(destination, source, 3, "filled");
+                                      const std::string& source, const std::string& schema) {
+    const std::string start = header(destination, source, 3, schema);
     return messageBlock(start + element(1, Binary, std::string(size - start.size() - 12, 'x')));
 }
 
