@@ -49,7 +49,7 @@ void mutateOnce(Random_& random, std::string& bytes) {
     const auto size = static_cast<unsigned int>(bytes.size());
     const unsigned int at = random.below(size + 1);
     const unsigned int count = random.below(std::min(size - at, 40U) + 1);
-    switch (random.below(9)) {
+    switch (random.below(10)) {
         case 0:
             if (at < size) bytes[at] = random.byte();
             break;
@@ -74,6 +74,9 @@ void mutateOnce(Random_& random, std::string& bytes) {
         case 7:
             if (at + 1 < size)  // a length that is off by a little
                 bytes[at + 1] = static_cast<char>(bytes[at + 1] + static_cast<char>(random.below(7)) - 3);
+            break;
+        case 8:
+            bytes.resize(size - std::min(size, 1 + random.below(3)));
             break;
         default:
             bytes.replace(at, count, std::string(count, random.oneIn(2) ? '\0' : '\xff'));
@@ -210,6 +213,7 @@ void forEachInput(const char* p_what, const std::function<Check_()>& prepare, co
     const unsigned long usualCount = setting("VEKMSG_HOSTILE_COUNT", 2000);
     const unsigned long count = p_ownCount != nullptr ? setting(p_ownCount, usualCount) : usualCount;
     std::printf("  %lu of %s, seed %llu\n", count, p_what, static_cast<unsigned long long>(seed()));
+    std::fflush(stdout);  // in case that an input ends the process
     const SilentRecords_ silence;
     const unsigned int descriptors = openDescriptors();
     Run_ run{p_what, count, prepare};

@@ -4,6 +4,7 @@
 
 #include "hostile/hostile_input.h"
 #include "hostile/open_terminal.h"
+#include "message/element_binary.h"
 #include "support/wire_bytes.h"
 
 namespace {
@@ -179,6 +180,22 @@ TEST_F(HostileStream, theDeepestTreeOfABlockIsReadWrittenAndPrinted) {
     for (; !sp_element->findFirstMatchingSubelement(1).isNull(); ++depth)
         sp_element = sp_element->findFirstMatchingSubelement(1);
     EXPECT_EQ(depth, 778U);
+}
+
+TEST(HostileTree, theDeepestTreeOfARawPayloadIsReadWrittenAndPrinted) {
+    const std::string bytes = wire::nest(5459);
+    const auto size = static_cast<unsigned int>(bytes.size());
+    GuardedBytes_ memory;
+    const SP_VekmsgElementBinary_ sp_element(new VekmsgElementBinary_(VEKMSGTAG_ANY, nullptr));
+    std::ostringstream text;
+
+    EXPECT_EQ(sp_element->deserialize(memory.place(bytes), size), size);
+    EXPECT_TRUE(sp_element->print(&text, 0));
+
+    EXPECT_EQ(sp_element->getMaxSerializationSize(), size);
+    unsigned char* p_room = memory.room(size);
+    EXPECT_EQ(sp_element->serialize(p_room + size, size), size);
+    EXPECT_EQ(std::string(p_room, p_room + size), bytes);
 }
 
 TEST_F(HostileStream, aPeerThatSendsWithoutPauseDoesNotStarveTheGoodOne) {
