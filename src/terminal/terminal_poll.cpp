@@ -66,12 +66,17 @@ bool VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator u
 // accepted socket, the smaller name keeps its own. The old object survives in any case, with all that is
 // queued on it.
 bool VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted) {
+    const bool wasFunctional = old.isFunctional();
+    // What the old stream still holds comes first. That it has ended shows now as well: a peer that was
+    // started again must not be turned away for the sake of a stream that it has left.
+    bool hasMessages = false;
+    if (wasFunctional) old.processPollEvents(hasMessages);
     if (!old.mergeQueues(&accepted)) return false;
     const SP_Utf8String_ sp_peerName = old.getPeerName();
-    const bool wasFunctional = old.isFunctional();
-    const bool adoptsAccepted = !wasFunctional || *sp_peerName < *m_sp_componentName;
+    const bool isPeerSmaller = *sp_peerName < *m_sp_componentName;
+    const bool adoptsAccepted = isPeerSmaller || !old.isFunctional();
     if (adoptsAccepted && !old.swapSockets(&accepted)) return false;
-    if (wasFunctional && adoptsAccepted)
+    if (wasFunctional && isPeerSmaller)
         VEKMSG_LOG_WARNING("Duplicate connections between %s and %s. Closing the old",
                            printable(m_sp_componentName), printable(sp_peerName));
     if (!adoptsAccepted)

@@ -7,6 +7,7 @@
 #include "support/raw_peer.h"
 #include "support/station.h"
 #include "support/temporary_folder.h"
+#include "support/wire_bytes.h"
 #include "vekmsg/log.h"
 
 namespace {
@@ -19,6 +20,11 @@ constexpr int kPrograms = 20;
 constexpr long kMessages = 100000;
 constexpr int kPrograms = 200;
 #endif
+
+std::string numbered(unsigned int number) {
+    return wire::messageBlock(wire::header("hub", "program", 3, "numbered") +
+                              wire::element(1, wire::Uint, wire::u32(number)));
+}
 
 /// How far a side runs ahead of what it has got from the other: the library queues without a limit.
 constexpr long kWindow = 200;
@@ -168,6 +174,26 @@ TEST_P(Lossless, aProgramThatSendsManyAndEndsIsHeardToItsEnd) {
         ASSERT_EQ(program.wait(), Good);
 
         expectNumbers(hub, 200, false);
+    }
+}
+
+// Its old stream has ended without the hub having looked at it since. Both orders of names.
+TEST_P(Lossless, aProgramThatIsStartedAgainIsHeardOnItsNewStream) {
+    Station_ hub("hub", m_directory);
+    for (const std::string name : {"program", "a program"}) {
+        RawPeer_ before(m_hubAddress);
+        before.write(wire::nameBlock(name) + numbered(0));
+        expectNumbers(hub, 1, false);
+        before.write(numbered(0));
+        before.close();
+        RawPeer_ after(m_hubAddress);
+        after.write(wire::nameBlock(name) + numbered(1));
+
+        expectNumbers(hub, 2, false);
+
+        EXPECT_TRUE(hub.isConnected(name));
+        after.write(numbered(0));
+        expectNumbers(hub, 1, false);
     }
 }
 
