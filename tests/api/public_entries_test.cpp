@@ -31,6 +31,7 @@ constexpr char kBeta[] = "beta-a-component-with-a-long-name";
 constexpr char kGamma[] = "gamma-a-component-with-a-long-name";
 constexpr char kDelta[] = "delta-a-component-with-a-long-name";
 constexpr char kSchema[] = "a schema text that is longer than a short string";
+const std::string g_endless(600, 'n');  // longer than any room that a thread keeps for texts
 constexpr char kPing[] = "VEK Pinger Request Format version 1.0";
 constexpr unsigned int kMostFailures = 2000;
 
@@ -405,13 +406,15 @@ INSTANTIATE_TEST_SUITE_P(
     Messages, MessageEntries,
     testing::Values(
         OfMessages_{"setDestination", true,
-                    [](Messages_& s) { s.m_sp_other->setDestination(utf8(kSchema)); }},
-        OfMessages_{"setSource", true, [](Messages_& s) { s.m_sp_other->setSource(utf8(kSchema)); }},
+                    [](Messages_& s) { s.m_sp_other->setDestination(utf8(g_endless.c_str())); }},
+        OfMessages_{"setSource", true,
+                    [](Messages_& s) { s.m_sp_other->setSource(utf8(g_endless.c_str())); }},
         OfMessages_{"swapSourceDestination", false,
                     [](Messages_& s) { s.m_sp_message->swapSourceDestination(); }},
-        OfMessages_{
-            "setPayloadSchema", true,
-            [](Messages_& s) { s.m_sp_other->setPayloadSchema(utf8(kSchema), VekMessage_::SCHEMA_URI); }},
+        OfMessages_{"setPayloadSchema", true,
+                    [](Messages_& s) {
+                        s.m_sp_other->setPayloadSchema(utf8(g_endless.c_str()), VekMessage_::SCHEMA_URI);
+                    }},
         OfMessages_{"plainAccessors", false,
                     [](Messages_& s) {
                         s.m_sp_message->setTimeToLive(s.m_sp_message->getTimeToLive());
@@ -623,13 +626,15 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Messages, CEntries,
     testing::Values(
-        OfHandles_{"set_destination", true,
-                   [](Handles_& s) { vekmsg_message_set_destination(s.m_p_message, utf8(kSchema)); }},
+        OfHandles_{
+            "set_destination", true,
+            [](Handles_& s) { vekmsg_message_set_destination(s.m_p_message, utf8(g_endless.c_str())); }},
         OfHandles_{"set_source", true,
-                   [](Handles_& s) { vekmsg_message_set_source(s.m_p_message, utf8(kSchema)); }},
+                   [](Handles_& s) { vekmsg_message_set_source(s.m_p_message, utf8(g_endless.c_str())); }},
         OfHandles_{"set_payload_schema", true,
                    [](Handles_& s) {
-                       vekmsg_message_set_payload_schema(s.m_p_message, utf8(kSchema), VEKMSG_SCHEMA_URI);
+                       vekmsg_message_set_payload_schema(s.m_p_message, utf8(g_endless.c_str()),
+                                                         VEKMSG_SCHEMA_URI);
                    }},
         OfHandles_{"getters", false,
                    [](Handles_& s) {
