@@ -54,11 +54,11 @@ private:
 };
 
 /// Calls a check, which tells whether its input was accepted, with one input's chance after the other, as
-/// often as VEKMSG_HOSTILE_COUNT says (2,000) or, where that is set, the setting that `p_ownCount` names. Some
-/// inputs must be accepted and some refused. It stops at the first failure and names it, so that it can be had
-/// again: VEKMSG_HOSTILE_SEED sets the seed, VEKMSG_HOSTILE_FIRST the number of the first input. (Streams meet
-/// what the ones before them left behind: have those again from the first on.) VEKMSG_HOSTILE_PROGRESS shows
-/// how far it is.
+/// often as VEKMSG_HOSTILE_COUNT says (2,000) or, where that is set, the setting that `p_ownCount` names.
+/// Some inputs must be accepted and some refused. It stops at the first failure and names it, so that it can
+/// be had again: VEKMSG_HOSTILE_SEED sets the seed, VEKMSG_HOSTILE_FIRST the number of the first input.
+/// (Streams meet what the ones before them left behind: have those again from the first on.)
+/// VEKMSG_HOSTILE_PROGRESS shows how far it is.
 ///
 /// Everything runs in a thread of its own, at whose end all memory must be back with the heap, and all
 /// descriptors must be closed. `prepare` makes the check in that thread.
