@@ -94,7 +94,7 @@ bool VekSocket_::initialize(const VekSocketAddress_& localAddress) try {
     m_state = INITIALIZED;
     return m_timeStamp.imprint();
 } catch (const std::exception&) {
-    closeDescriptor();
+    cleanUp();
     return false;
 }
 

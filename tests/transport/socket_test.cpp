@@ -302,6 +302,24 @@ TEST_F(VekSocket, initializingWithoutMemoryFailsAndLeavesNothingOpen) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(VekSocket, aListenerIsIdleWhenItCannotBeInitializedAgainForLackOfMemory) {
+    const VekSocketAddress_ address = addressOf(m_folder.localAddress("second"));
+    unsigned int number = 1;
+    for (bool hasStruck = true; hasStruck && number < 20; ++number) {
+        VekSocket_ listener;
+        listenOn(listener, m_folder.localAddress("first"));
+        {
+            AllocationFailure_ failure(number);
+            listener.initialize(address);
+            hasStruck = failure.hasStruck();
+        }
+        if (hasStruck) expectIdle(listener);
+        EXPECT_FALSE(exists(m_folder.path("first")));
+    }
+    EXPECT_GT(number, 2U);
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
 TEST_F(VekSocket, aListeningLocalSocketRemovesItsFile) {
     listenOn(m_socket, m_folder.localAddress("socket"));
     const int descriptor = m_socket.descriptor();
