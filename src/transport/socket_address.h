@@ -16,10 +16,10 @@ using VekSockNativeAddrIn_ = sockaddr_in;
 
 /// Room for any native address that the library handles; what an address does not use is zero.
 union VekSockNativeAddr_ {
+    unsigned char m_bytes[256];  // first, so that empty braces make all of it zero
     sockaddr m_any;
     VekSockNativeAddrUn_ m_local;
     VekSockNativeAddrIn_ m_inet;
-    unsigned char m_bytes[256];
 };
 
 /// One transport endpoint in two forms that agree: the text that people and records use, and the native form
