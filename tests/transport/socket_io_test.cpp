@@ -364,6 +364,25 @@ TEST_P(VekSocketIo, aBufferThatIsEmptiedWhilePendingIsDropped) {
     EXPECT_EQ(receiveText(m_server, 4), "next");
 }
 
+TEST_P(VekSocketIo, aBufferThatIsEmptiedAndNotTakenIsDroppedByTheNextCheck) {
+    armClient();
+    SP_BasicBuffer_ sp_shared = bufferWith("hello");
+    holdBack(sp_shared);
+    sp_shared->setDataArea(0, 0);
+    m_calls.fail(SystemCalls_::Send, EAGAIN);
+    EXPECT_TRUE(checkClient());
+    EXPECT_EQ(m_client.send(bufferWith("next")), VekSocket_::SEND_BUSY);
+    const unsigned int before = sends();
+    m_records.take();
+
+    EXPECT_TRUE(checkClient());
+
+    EXPECT_EQ(sends(), before);
+    EXPECT_EQ(m_client.send(bufferWith("next")), VekSocket_::SEND_OK);
+    EXPECT_EQ(receiveText(m_server, 4), "next");
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
 TEST_P(VekSocketIo, aReceiveIsCompleteWhenAllItsBytesAreThere) {
     const SP_BasicBuffer_ sp_buffer = emptyBuffer(10);
     SP_BasicBuffer_ sp_complete;
@@ -468,6 +487,18 @@ TEST_P(VekSocketIo, aReceiveOfNothingArmsNothing) {
     EXPECT_TRUE(sp_complete.isNull());
     EXPECT_EQ(receives(), 0U);
     EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_P(VekSocketIo, aHeldBufferIsDiscardedBeforeTheNextOneIsMeasured) {
+    EXPECT_TRUE(m_server.receive(0, emptyBuffer(10)));  // held, though nothing is wanted of it
+
+    EXPECT_TRUE(m_server.receive(5, emptyBuffer(4)));
+
+    EXPECT_EQ(
+        m_records.take(),
+        (Records_{socketRecord(4, kReceive, "VekSocket_::receive() discard pending receive buffer"),
+                  socketRecord(4, kReceive,
+                               "VekSocket_::receive() requested data size 5 is greater than free space 4")}));
 }
 
 TEST_P(VekSocketIo, aReceiveIntoAFullBufferArmsNothing) {
