@@ -233,6 +233,14 @@ TEST_F(NameDirectory, aCarriageReturnBelongsToTheLastToken) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(NameDirectory, aCarriageReturnSeparatesNothing) {
+    EXPECT_TRUE(open("\r\nlocal:///a/router \r\n"));
+
+    EXPECT_EQ(m_records.take(), Records_{invalidLine(1, "\r")});
+    EXPECT_EQ(addressesOf(m_directory, "\r"), Texts_{"local:///a/router"});
+    EXPECT_EQ(firstDefaultOf(m_directory), "(null)");
+}
+
 TEST_F(NameDirectory, namesAreComparedByteByByte) {
     EXPECT_TRUE(
         open("local:///a/1 router\nlocal:///a/2 Router\nlocal:///a/3 route\nlocal:///a/4 routers\n"
@@ -420,12 +428,13 @@ TEST_F(NameDirectoryEntry, withoutMemoryForTheEmptyNameThereIsNoEntry) {
 
 TEST_F(NameDirectoryEntry, eachAllocationThatFailsGivesItsRecord) {
     const std::string longName(100, 'n');
+    const std::string before(8191 - 20, '\n');  // so that the stream reads the line in two parts
     Texts_ seen;
     bool isDone = false;
     for (unsigned int number = 1; !isDone && number < 40; ++number) {
         m_file.close();
         m_file.clear();
-        start("local:///a/address/that/needs/memory/of/its/own " + longName + "\n");
+        start(before + "local:///a/address/that/needs/memory/of/its/own " + longName + "\n");
         inFreshThread([&] {
             bool isRead = false;
             {
