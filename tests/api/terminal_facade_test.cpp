@@ -514,6 +514,27 @@ TEST_F(TerminalFacade, sendRawPayloadGoesThroughTheVirtualOperations) {
     EXPECT_EQ(m_records.take(), Records_());
 }
 
+/// A buffer that is an element as well. The test owns it.
+class BufferAndElement_ : public BasicBuffer_, public VekmsgElementBinary_ {
+public:
+    using BasicBuffer_::operator delete;  // each base brings its own; neither is used
+
+    BufferAndElement_() : BasicBuffer_(10), VekmsgElementBinary_(kTag, nullptr) {}
+    void addRef() override {}
+    void removeRef() override {}
+};
+
+TEST_F(TerminalFacade, sendRawPayloadLooksForAnElementInTheBuffer) {
+    BufferAndElement_ payload;
+    KeepingTerminal_ terminal;
+
+    EXPECT_TRUE(terminal.sendRawPayload(utf8("beta"), utf8("schema"), SP_BasicBuffer_(&payload)));
+
+    ASSERT_TRUE(terminal.m_sp_kept);
+    EXPECT_EQ(terminal.m_sp_kept->getPayload().get(), &payload);
+    EXPECT_EQ(m_records.take(), Records_());
+}
+
 TEST_F(TerminalFacade, receiveRawPayloadGoesThroughTheVirtualOperations) {
     KeepingTerminal_ terminal;
     terminal.sendRawPayload(utf8("beta"), utf8("schema"), SP_BasicBuffer_());
