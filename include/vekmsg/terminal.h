@@ -38,11 +38,11 @@ public:
 
     /// Reads the name directory (null: /etc/vek.names.directory) and listens on the addresses that it lists
     /// for `componentName`. A local socket file at such an address is taken over, also from a process that
-    /// still listens there: let one process at a time use a name. A name that is not listed
-    /// may open: it has no address, reaches out, and is answered on its own connections. Fails for a null or
-    /// empty name, a directory that cannot be read, or an address that cannot be listened on; close() then
-    /// releases what was taken. Opening an open terminal ends its established connections and fails for a TCP
-    /// address, which the terminal itself still holds: close it first.
+    /// still listens there: let one process at a time use a name. A name that is not listed may open: it has
+    /// no address, reaches out, and is answered on its own connections. Fails for a null or empty name, a
+    /// directory that cannot be read, or an address that cannot be listened on; close() then releases what
+    /// was taken. Opening an open terminal ends its established connections and fails for a TCP address,
+    /// which the terminal itself still holds: close it first.
     virtual bool open(const unsigned char* componentName, const char* directoryPath);
 
     /// Ends all connections at once, with whatever is still queued on them. Harmless on a closed terminal,
