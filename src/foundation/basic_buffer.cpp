@@ -72,7 +72,8 @@ bool BasicBuffer_::extendDataIntoTrailer(int count) {
 
 SP_BasicBuffer_ BasicBuffer_::copy() const {
     SP_BasicBuffer_ sp_copy(new (std::nothrow) BasicBuffer_(m_capacity));
-    if (!sp_copy || !sp_copy->setDataArea(m_dataOffset, m_dataLength)) return SP_BasicBuffer_();
+    if (!sp_copy || sp_copy->m_capacity != m_capacity) return SP_BasicBuffer_();
+    sp_copy->setDataArea(m_dataOffset, m_dataLength);
     if (m_dataLength != 0) std::memcpy(sp_copy->data(), data(), m_dataLength);
     return sp_copy;
 }

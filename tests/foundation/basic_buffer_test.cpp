@@ -285,6 +285,17 @@ TEST_F(BasicBuffer, aCopyIsNullWhicheverAllocationFails) {
     }
 }
 
+TEST_F(BasicBuffer, aCopyOfOneWithoutDataIsNullWhicheverAllocationFails) {
+    for (const unsigned int number : {1U, 2U}) {
+        inFreshThread([number] {
+            const BasicBuffer_ buffer(70000);
+            const AllocationFailure_ failure(number);
+            EXPECT_TRUE(buffer.copy().isNull());
+            EXPECT_TRUE(failure.hasStruck());
+        });
+    }
+}
+
 TEST_F(BasicBuffer, manyOfAllSizesCanLiveAtOnceAndComeBack) {
     for (int round = 0; round < 3; ++round) {
         SP_BasicBuffer_ buffers[600];
