@@ -10,13 +10,9 @@
 namespace {
 
 const char* const kGetPayload = "virtual SP_VekmsgElement_ VekMessageBinary_::getPayload()";
-const char* const kCreate =
-    "static SP_VekmsgElement_ VekMessageBinary_::createElement(VekmsgTag_, const VekMessageBinary_*)";
-
-class VekMessageBinary : public testing::Test {
+class VekMessageBinary : public RecordingTest_ {
 protected:
     SP_VekMessageBinary_ m_sp_message{new VekMessageBinary_};
-    RecordCapture_ m_records;
 };
 
 /// Makes elements of a class that the library does not know.
@@ -238,8 +234,7 @@ TEST_F(VekMessageBinary, anElementIsNullWithoutMemory) {
         const AllocationFailure_ failure(1);
         EXPECT_TRUE(m_sp_message->createElement(7).isNull());
     });
-    EXPECT_EQ(m_records.take(),
-              Records_{error(kCreate, "VekMessageBinary_::createElement() Can't create vekMessageBinary_")});
+    EXPECT_EQ(m_records.take(), Records_{kCantCreate});
 }
 
 TEST_F(VekMessageBinary, aLongNameWithoutMemoryIsRefusedAndTheOldOneKept) {
@@ -257,6 +252,7 @@ TEST_F(VekMessageBinary, aLongNameWithoutMemoryIsRefusedAndTheOldOneKept) {
     EXPECT_STREQ(reinterpret_cast<const char*>(m_sp_message->getSource()), "source");
     EXPECT_STREQ(reinterpret_cast<const char*>(m_sp_message->getPayloadSchema()), "schema");
     EXPECT_EQ(m_sp_message->getPayloadSchemaType(), VekMessage_::SCHEMA_LITERAL);
+    EXPECT_EQ(m_records.take(), Records_());
 }
 
 TEST_F(VekMessageBinary, decodingSurvivesEveryFailedAllocation) {
@@ -279,9 +275,11 @@ TEST_F(VekMessageBinary, decodingSurvivesEveryFailedAllocation) {
     });
 
     EXPECT_EQ(failures, 3U);  // the root, its sub-element and that one's place
-    const Records_ records = m_records.take();
-    ASSERT_EQ(records.size(), 4U);
-    EXPECT_EQ(records[0],
-              error(kCreate, "VekMessageBinary_::createElement() Can't create vekMessageBinary_"));
-    EXPECT_EQ(records[1], error(kGetPayload, "VekMessageBinary_::getPayload() invalid vekMessageBinary_"));
+    EXPECT_EQ(m_records.take(),
+              (Records_{kCantCreate,
+                        error(kGetPayload, "VekMessageBinary_::getPayload() invalid vekMessageBinary_"),
+                        kCantCreate,
+                        error(kDeserializeSubElements,
+                              "VekmsgElementBinary_::deserialize() createElement() returned invalid "
+                              "object")}));
 }

@@ -18,6 +18,9 @@ const char* const kDeserializeHeader =
     "unsigned int VekMessageBinary_::deserialize(const unsigned char*, unsigned int)";
 const char* const kElementSerialize =
     "unsigned int VekmsgElementBinary_::serialize(unsigned char*, unsigned int) const";
+const char* const kTtlv =
+    "static unsigned int VekMessageBinary_::deserializeTtlv(const unsigned char*, unsigned int, "
+    "VekmsgTag_&, VekmsgDataType_&, unsigned int&, const unsigned char*&)";
 const char* const kTtlvHeader =
     "static unsigned int VekMessageBinary_::deserializeTtlvHeader(const unsigned char*, unsigned int, "
     "VekmsgTag_&, VekmsgDataType_&, unsigned int&)";
@@ -45,7 +48,7 @@ public:
     }
 };
 
-class MessageCodec : public testing::Test {
+class MessageCodec : public RecordingTest_ {
 protected:
     MessageCodec() {
         m_sp_message->setDestination(text("a"));
@@ -72,7 +75,6 @@ protected:
 
     SP_VekMessageBinary_ m_sp_message{new VekMessageBinary_};
     SP_BasicBuffer_ m_sp_buffer;
-    RecordCapture_ m_records;
 };
 
 }  // namespace
@@ -422,8 +424,8 @@ TEST_F(MessageCodec, aFailedReadLeavesNoPayload) {
 
 TEST_F(MessageCodec, aBufferWithoutStorageIsRefused) {
     EXPECT_EQ(m_sp_message->deserialize(SP_BasicBuffer_(new BasicBuffer_(0))), 0U);
-    EXPECT_EQ(m_records.takeTexts(),
-              std::vector<std::string>{"VekMessageBinary_::deserializeTtlv() null p_bytestream"});
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kTtlv, "VekMessageBinary_::deserializeTtlv() null p_bytestream")});
 }
 
 TEST_F(MessageCodec, fourHeaderItemsAloneAreAMessageWithoutGoodPayload) {
@@ -512,6 +514,10 @@ TEST_F(MessageCodec, whatWasReadBeforeAFailureIsKept) {
     EXPECT_EQ(plain(m_sp_message->getSource()), "y");
     EXPECT_EQ(m_sp_message->getTimeToLive(), 9U);
     EXPECT_EQ(plain(m_sp_message->getPayloadSchema()), "");
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kDeserializeHeader,
+                             "VekMessageBinary_::deserialize() Expecting VEKMSGTAG_SCHEMA_URI got 9 dest x "
+                             "src y")});
 }
 
 TEST_F(MessageCodec, aMessageCutAnywhereIsRefusedOrHasNoTree) {
@@ -579,8 +585,9 @@ TEST_F(MessageCodec, theDeepestRawPayloadFitsOnAUsualStack) {
         m_sp_message->setPayload(SP_VekmsgElement_());
     });
     EXPECT_EQ(dataOf(m_sp_buffer), header("", "", 3, "") + bytes);
-    EXPECT_EQ(m_records.takeTexts(),
-              std::vector<std::string>{"Message ( -> ) size 65275 could be too large for the peer"});
+    EXPECT_EQ(
+        m_records.take(),
+        Records_{warning(kSerializeBuffer, "Message ( -> ) size 65275 could be too large for the peer")});
 }
 
 TEST(MessageMemory, longNamesAreCopiedWithoutTheHeapOnceOthersHaveGone) {

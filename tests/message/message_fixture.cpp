@@ -1,6 +1,5 @@
 #include "message/message_fixture.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -124,6 +123,19 @@ Record_ error(const std::string& signature, const std::string& text) {
 Record_ warning(const std::string& signature, const std::string& text) {
     return Record_(4, "vekmsg_binary.cpp", signature, text);
 }
+
+const Record_ kCantCreate =
+    error("static SP_VekmsgElement_ VekMessageBinary_::createElement(VekmsgTag_, const VekMessageBinary_*)",
+          "VekMessageBinary_::createElement() Can't create vekMessageBinary_");
+
+#ifdef __clang__  // spells out where a nested type belongs
+const char* const kDeserializeSubElements =
+    "bool VekmsgElementBinary_::deserialize(const VekmsgElementBinary_::Item_&, "
+    "VekmsgElementBinary_::SubElements_&)";
+#else
+const char* const kDeserializeSubElements =
+    "bool VekmsgElementBinary_::deserialize(const Item_&, SubElements_&)";
+#endif
 
 void onUsualStack(const std::function<void()>& body) {
     pthread_attr_t attributes;

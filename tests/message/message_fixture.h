@@ -1,6 +1,8 @@
 #ifndef VEKMSG_TESTS_MESSAGE_FIXTURE_H
 #define VEKMSG_TESTS_MESSAGE_FIXTURE_H
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -60,6 +62,20 @@ Bytes_ binaryOf(const VekmsgElement_& element);
 
 Record_ error(const std::string& signature, const std::string& text);
 Record_ warning(const std::string& signature, const std::string& text);
+
+/// What every element that finds no memory writes first.
+extern const Record_ kCantCreate;
+
+/// The signature of the stage that reads sub-elements.
+extern const char* const kDeserializeSubElements;
+
+/// Captures the records of a test, which fails when it leaves some unasked for.
+class RecordingTest_ : public testing::Test {
+protected:
+    void TearDown() override { EXPECT_EQ(m_records.take(), Records_()); }
+
+    RecordCapture_ m_records;
+};
 
 /// Runs `body` on a stack of 8 MiB, which is what a program's main thread usually has.
 void onUsualStack(const std::function<void()>& body);

@@ -18,7 +18,7 @@ const char* const kDeserialize =
     "VekmsgTag_&, VekmsgDataType_&, unsigned int&, const unsigned char*&)";
 
 /// 16 bytes of free space in which untouched bytes can be told, and the outputs of reading.
-class TtlvCodec : public testing::Test {
+class TtlvCodec : public RecordingTest_ {
 protected:
     unsigned int writeHeader(unsigned int freespaceSize, VekmsgTag_ tag, VekmsgDataType_ type,
                              unsigned int length) {
@@ -55,7 +55,6 @@ protected:
     VekmsgDataType_ m_type = VEKMSG_BINARY;
     unsigned int m_length = 99;
     const unsigned char* m_p_value = text("junk");
-    RecordCapture_ m_records;
 };
 
 }  // namespace

@@ -39,7 +39,7 @@ protected:
     }
 };
 
-class XmlRendering : public testing::Test {
+class XmlRendering : public RecordingTest_ {
 protected:
     XmlRendering() {
         m_sp_message->setSource(text("a"));
@@ -48,7 +48,6 @@ protected:
     }
 
     SP_VekMessageBinary_ m_sp_message{new VekMessageBinary_};
-    RecordCapture_ m_records;
 };
 
 const char* const kHead =
@@ -223,6 +222,20 @@ TEST_F(XmlRendering, everyLineIsFlushed) {
 
     EXPECT_EQ(counter.m_lines, 8U);
     EXPECT_EQ(counter.m_flushes, 8U);
+}
+
+TEST_F(XmlRendering, everyLineOfATreeIsFlushed) {
+    const SP_VekmsgElementBinary_ sp_root = newElement(1);
+    sp_root->addSubelements(newElement(2, 20U));
+    sp_root->addSubelements(newElement(3, text("three")));
+    sp_root->addSubelements(newBinary(4, Bytes_(9, 4)));
+    Counter_ counter;
+    std::ostream stream(&counter);
+
+    EXPECT_TRUE(sp_root->print(&stream, 0));
+
+    EXPECT_EQ(counter.m_lines, 9U);
+    EXPECT_EQ(counter.m_flushes, 9U);
 }
 
 TEST_F(XmlRendering, aBrokenStreamIsNotLookedAt) {
