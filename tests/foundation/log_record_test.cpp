@@ -13,6 +13,7 @@
 #include <iterator>
 #include <string>
 
+#include "support/allocation_failure.h"
 #include "support/child_process.h"
 #include "support/record_capture.h"
 #include "support/temporary_folder.h"
@@ -185,6 +186,27 @@ TEST_F(LogRecord, anOverlongTextIsCut) {
     writeWarning(std::string(10000, 'x').c_str());
 
     EXPECT_EQ(taken.m_text, "warning " + std::string(2047 - 8, 'x'));
+}
+
+TEST_F(LogRecord, aRecordAsksForNoMemory) {
+    unsigned int records = 0;
+    vekmsg_log_set_sink(
+        [](void* context, int, const LogSite*, const char*) { ++*static_cast<unsigned int*>(context); },
+        &records);
+    const unsigned long allocations = allocationCount();
+
+    writeOneOfEach();
+
+    EXPECT_EQ(allocationCount(), allocations);
+    EXPECT_EQ(records, 2U);
+}
+
+TEST_F(LogRecord, eachThreadFormatsIntoATextOfItsOwn) {
+    const char* const p_text = lfmt("%s", "mine");
+
+    inFreshThread([] { EXPECT_STREQ(lfmt("%s", "other"), "other"); });
+
+    EXPECT_STREQ(p_text, "mine");
 }
 
 TEST_F(LogRecord, lfmtFormatsLikePrintf) {

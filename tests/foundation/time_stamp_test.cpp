@@ -17,13 +17,31 @@ TEST(TimeStamp, anUnsetOneHasNoAge) {
 }
 
 TEST(TimeStamp, aFreshOneIsNoSecondOld) {
+    SystemCalls_ calls;
+    calls.stopClock(1000, 0);
     TimeStamp_ stamp;
     unsigned int seconds = 77;
     ASSERT_TRUE(stamp.imprint());
 
     EXPECT_TRUE(stamp.getAgeInSec(seconds));
 
-    EXPECT_LT(seconds, 77U);
+    EXPECT_EQ(seconds, 0U);
+}
+
+TEST(TimeStamp, itsAgeIsInWholeSecondsRoundedDown) {
+    SystemCalls_ calls;
+    calls.stopClock(1000, 999999999);
+    TimeStamp_ stamp;
+    ASSERT_TRUE(stamp.imprint());
+    unsigned int seconds = 77;
+
+    calls.stopClock(1002, 999999998);
+    EXPECT_TRUE(stamp.getAgeInSec(seconds));
+    EXPECT_EQ(seconds, 1U);
+
+    calls.stopClock(1002, 999999999);
+    EXPECT_TRUE(stamp.getAgeInSec(seconds));
+    EXPECT_EQ(seconds, 2U);
 }
 
 TEST(TimeStamp, itsAgeIsWhatTheClockMovedOn) {

@@ -27,6 +27,8 @@ struct Plan_ {
 
 Plan_ g_plans[SystemCalls_::NumberOfCalls];
 unsigned int g_clockOffset;
+bool g_isClockStopped;
+struct timespec g_stoppedClock;
 
 /// Counts the call and tells what has to become of it.
 Way_ nextWay(SystemCalls_::Call_ call) {
@@ -75,11 +77,13 @@ int forwardFcntl(const char* p_name, int descriptor, int command, long argument)
 SystemCalls_::SystemCalls_() {
     std::memset(g_plans, 0, sizeof(g_plans));
     g_clockOffset = 0;
+    g_isClockStopped = false;
 }
 
 SystemCalls_::~SystemCalls_() {
     std::memset(g_plans, 0, sizeof(g_plans));
     g_clockOffset = 0;
+    g_isClockStopped = false;
 }
 
 void SystemCalls_::fail(Call_ call, int error, unsigned int skipped, unsigned int times) {
@@ -104,6 +108,12 @@ unsigned int SystemCalls_::count(Call_ call) const {
 
 void SystemCalls_::advanceClock(unsigned int seconds) {
     g_clockOffset += seconds;
+}
+
+void SystemCalls_::stopClock(unsigned int seconds, unsigned int nanoseconds) {
+    g_isClockStopped = true;
+    g_stoppedClock.tv_sec = static_cast<time_t>(seconds);
+    g_stoppedClock.tv_nsec = static_cast<long>(nanoseconds);
 }
 
 extern "C" {
@@ -229,7 +239,9 @@ int poll(struct pollfd* p_entries, nfds_t count, int timeout) {
 int clock_gettime(clockid_t clock, struct timespec* p_now) noexcept {
     const int result = carryOut(SystemCalls_::ClockGettime,
                                 [=] { return next<decltype(clock_gettime)>("clock_gettime")(clock, p_now); });
-    if (result == 0) p_now->tv_sec += static_cast<time_t>(g_clockOffset);
+    if (result != 0) return result;
+    if (g_isClockStopped) *p_now = g_stoppedClock;
+    p_now->tv_sec += static_cast<time_t>(g_clockOffset);
     return result;
 }
 

@@ -51,6 +51,9 @@ public:
 
     /// Moves every clock forward.
     void advanceClock(unsigned int seconds);
+
+    /// Makes every clock show this time and stand still.
+    void stopClock(unsigned int seconds, unsigned int nanoseconds);
 };
 
 #endif
