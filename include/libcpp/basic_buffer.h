@@ -65,8 +65,7 @@ public:
                const char* p_prefix) const;
 
 protected:
-    std::uint32_t m_storageSize =
-        0;  // what was really allocated, to be given back as such; may exceed m_capacity
+    std::uint32_t m_storageSize = 0;  // what was really allocated: the capacity that was asked for, or more
     unsigned char* m_p_storage = nullptr;
     std::uint32_t m_capacity = 0;
     std::uint32_t m_dataOffset = 0;

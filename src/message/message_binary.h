@@ -44,10 +44,10 @@ public:
     /// The exact size of the encoded form; a payload of a foreign class counts as nothing.
     unsigned int getMaxSerializationSize() const;
 
-    /// Encodes the message in front of the buffer's data; a null `sp_buffer` becomes a new buffer, or the raw
-    /// payload's own when it has the room (the message then gives it away). Room for a block header is left
-    /// in front. The length of the message, now at the start of the data area, or 0 with a record; the buffer
-    /// is then undefined.
+    /// Encodes the message in front of the buffer's data. A null `sp_buffer` becomes the raw payload's own
+    /// when that has the room (the message then gives it away), or else a new one with room for a block
+    /// header in front. The length of the message, now at the start of the data area, or 0 with a record; the
+    /// buffer is then undefined.
     unsigned int serialize(SP_BasicBuffer_& sp_buffer);
 
     /// Reads the header items and keeps the buffer, cut to the payload, as the raw payload. The data length
