@@ -67,14 +67,15 @@ bool VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator u
 // queued on it.
 bool VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted) {
     const bool wasFunctional = old.isFunctional();
-    // What the old stream still holds comes first. That it has ended shows now as well: a peer that was
-    // started again must not be turned away for the sake of a stream that it has left.
+    // What the old stream still holds comes first. That it has ended, or found no memory to go on, shows now
+    // as well: a peer that was started again must not be turned away for the sake of a stream that it has
+    // left.
     bool hasMessages = false;
-    if (wasFunctional) old.processPollEvents(hasMessages);
+    const bool stands = wasFunctional && old.processPollEvents(hasMessages) && old.isFunctional();
     if (!old.mergeQueues(&accepted)) return false;
     const SP_Utf8String_ sp_peerName = old.getPeerName();
     const bool isPeerSmaller = *sp_peerName < *m_sp_componentName;
-    const bool adoptsAccepted = isPeerSmaller || !old.isFunctional();
+    const bool adoptsAccepted = isPeerSmaller || !stands;
     if (adoptsAccepted && !old.swapSockets(&accepted)) return false;
     if (wasFunctional && isPeerSmaller)
         VEKMSG_LOG_WARNING("Duplicate connections between %s and %s. Closing the old",
