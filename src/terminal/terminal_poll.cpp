@@ -90,7 +90,8 @@ bool VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, V
 void VekmsgTerminalImpl_::processPollEvents(Serving_, ActiveConnections_::iterator active, bool& gotData) {
     bool hasMessages = false;
     if ((*active)->processPollEvents(hasMessages)) {
-        gotData = gotData || hasMessages;
+        // While a new stream connects, a turn says nothing of what the failed one has brought.
+        gotData = gotData || hasMessages || (*active)->hasReceived();
         return;
     }
     VEKMSG_LOG_DEBUG("Deleting active connection between %s and %s", printable(m_sp_componentName),

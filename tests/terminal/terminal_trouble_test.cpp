@@ -28,6 +28,35 @@ protected:
 
 }  // namespace
 
+TEST_F(TerminalTrouble, blocksReceivedBeforeAReconnectionAreGivenWhileItIsUnderWay) {
+    const std::string tcp = freeTcpAddress();
+    const Terminal_ anna = open("anna", {tcp + " bert"});
+    RawListener_ listener(tcp);
+    ASSERT_TRUE(anna->sendMessage(messageTo("bert", 1)));
+    RawPeer_ bert = listener.accept();
+    ASSERT_TRUE(eventually([&] { return anna->pass() && anna->isConnected(utf8("bert")); }));
+    bert.write(messageBlock("anna", "bert", 7) + messageBlock("anna", "bert", 8));
+    bert.readBlock();
+    bert.readBlock();  // with nothing left unread, the end is an end and no reset
+    bert.close();
+    SystemCalls_ calls;
+    calls.fail(SystemCalls_::Send, EAGAIN, 0, 1000);
+    ASSERT_TRUE(anna->sendMessage(messageTo("bert", 2)));
+    ASSERT_TRUE(anna->sendMessage(messageTo("bert", 3)));  // queued behind the one that is pending
+    calls.fail(SystemCalls_::Connect, EINPROGRESS);
+    ASSERT_TRUE(eventually([&] {
+        return anna->pass() && anna->active("bert")->state() == VekmsgConnection_::STATE_SENDING_NAME;
+    }));
+    calls.fail(SystemCalls_::Getpeername, ENOTCONN, 0, 1000);
+
+    EXPECT_EQ(numbersAt(*anna), (Numbers_{7, 8}));
+
+    EXPECT_EQ(anna->active("bert")->state(), VekmsgConnection_::STATE_SENDING_NAME);
+    bool gotData = true;
+    EXPECT_TRUE(anna->processPollEvents(gotData));
+    EXPECT_FALSE(gotData);
+}
+
 // The old stream is read when the second one shows up. A turn that finds no memory leaves it without a
 // receive: it must not be the one that stays.
 TEST_F(TerminalTrouble, aStreamThatFoundNoMemoryIsNotTheOneThatStays) {
