@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "foundation/big_endian.h"
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "message/message_binary.h"
@@ -38,8 +39,7 @@ bool VekmsgElementBinary_::isLess(const VekmsgElementBinary_* p_other) const {
 // Values
 
 unsigned int VekmsgElementBinary_::storedUint() const {
-    return static_cast<unsigned int>(m_value[0]) << 24 | static_cast<unsigned int>(m_value[1]) << 16 |
-           static_cast<unsigned int>(m_value[2]) << 8 | m_value[3];
+    return load32(m_value);
 }
 
 bool VekmsgElementBinary_::getValue(unsigned int& value) const {
@@ -129,9 +129,8 @@ void VekmsgElementBinary_::store(const unsigned char* p_bytes, unsigned int leng
 }
 
 void VekmsgElementBinary_::storeUint(unsigned int value) {
-    const unsigned char bytes[kUintSize] = {
-        static_cast<unsigned char>(value >> 24), static_cast<unsigned char>(value >> 16),
-        static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value)};
+    unsigned char bytes[kUintSize];
+    store32(bytes, value);
     store(bytes, kUintSize);
 }
 

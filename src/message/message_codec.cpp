@@ -2,6 +2,7 @@
 #include <cstring>
 #include <new>
 
+#include "foundation/big_endian.h"
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "foundation/text_room.h"
@@ -47,11 +48,7 @@ public:
     }
 
     /// Requires a length of 4.
-    unsigned int number() const {
-        unsigned int number = 0;
-        for (unsigned int i = 0; i < kTimeToLiveSize; ++i) number = number << 8 | m_p_value[i];
-        return number;
-    }
+    unsigned int number() const { return load32(m_p_value); }
 
 private:
     const unsigned char* m_p_rest;
@@ -80,9 +77,8 @@ public:
     }
 
     bool prepend(VekmsgTag_ tag, unsigned int number) {
-        const unsigned char bytes[kTimeToLiveSize] = {
-            static_cast<unsigned char>(number >> 24), static_cast<unsigned char>(number >> 16),
-            static_cast<unsigned char>(number >> 8), static_cast<unsigned char>(number)};
+        unsigned char bytes[kTimeToLiveSize];
+        store32(bytes, number);
         return prepend(tag, VEKMSG_UINT, kTimeToLiveSize, bytes);
     }
 

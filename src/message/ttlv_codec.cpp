@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "foundation/big_endian.h"
 #include "foundation/log_record.h"
 #include "message/message_binary.h"
 
@@ -18,15 +19,6 @@
 namespace {
 
 constexpr unsigned int kHeaderSize = 6;
-
-void store16(unsigned char* p_bytes, unsigned int value) {
-    p_bytes[0] = static_cast<unsigned char>(value >> 8);
-    p_bytes[1] = static_cast<unsigned char>(value);
-}
-
-unsigned int load16(const unsigned char* p_bytes) {
-    return static_cast<unsigned int>(p_bytes[0]) << 8 | p_bytes[1];
-}
 
 }  // namespace
 

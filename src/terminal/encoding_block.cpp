@@ -4,21 +4,20 @@
 
 #include <cstring>
 
+#include "foundation/big_endian.h"
 #include "foundation/log_record.h"
 #include "terminal/connection.h"
 
 void VekmsgConnection_::writeEncodingBlockHeader(unsigned char* p_header, EncodingBlockType_ type,
                                                  unsigned int length) {
-    p_header[0] = static_cast<unsigned char>(type >> 8);
-    p_header[1] = static_cast<unsigned char>(type);
-    p_header[2] = static_cast<unsigned char>(length >> 8);
-    p_header[3] = static_cast<unsigned char>(length);
+    store16(p_header, type);
+    store16(p_header + 2, length);
 }
 
 unsigned int VekmsgConnection_::readEncodingBlockHeader(const unsigned char* p_header,
                                                         EncodingBlockType_& type, unsigned int& length) {
-    type = static_cast<EncodingBlockType_>(p_header[0] << 8 | p_header[1]);
-    length = static_cast<unsigned int>(p_header[2] << 8 | p_header[3]);
+    type = static_cast<EncodingBlockType_>(load16(p_header));
+    length = load16(p_header + 2);
     return getEncodingBlockHeaderSize();
 }
 
