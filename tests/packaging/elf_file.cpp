@@ -61,7 +61,8 @@ std::vector<ElfSection_> ElfFile_::sections() const {
     const auto& names = m_sections.at(at<ElfW(Ehdr)>(0).e_shstrndx);
     std::vector<ElfSection_> sections;
     for (const auto& section : m_sections)
-        sections.push_back({text(names, section.sh_name), section.sh_addr, section.sh_size});
+        sections.push_back({text(names, section.sh_name), section.sh_addr, section.sh_size,
+                            (section.sh_flags & SHF_WRITE) != 0});
     return sections;
 }
 

@@ -22,6 +22,7 @@ struct ElfSection_ {
     std::string m_name;
     ElfW(Addr) m_address;
     std::size_t m_size;
+    bool m_isWritable;
 };
 
 /// Reads what a shared library of this program's own word size says of itself. Throws when the file is none.

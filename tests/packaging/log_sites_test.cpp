@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <link.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -49,6 +50,17 @@ std::ostream& operator<<(std::ostream& stream, const Count_& count) {
                   << " informational, " << count.m_debugs << " debug, " << count.m_others << " others";
 }
 
+std::vector<ElfSection_> siteSections() {
+    std::vector<ElfSection_> sections = ElfFile_(VEKMSG_SHARED_LIBRARY).sections();
+    sections.erase(std::remove_if(sections.begin(), sections.end(),
+                                  [](const ElfSection_& section) {
+                                      return section.m_name.compare(0, g_sectionPrefix.size(),
+                                                                    g_sectionPrefix) != 0;
+                                  }),
+                   sections.end());
+    return sections;
+}
+
 struct Closing_ {
     void operator()(void* p_library) const { dlclose(p_library); }
 };
@@ -61,8 +73,7 @@ protected:
         ASSERT_TRUE(m_p_library) << dlerror();
         struct link_map* p_map = nullptr;
         ASSERT_EQ(dlinfo(m_p_library.get(), RTLD_DI_LINKMAP, &p_map), 0);
-        for (const ElfSection_& section : ElfFile_(VEKMSG_SHARED_LIBRARY).sections()) {
-            if (section.m_name.compare(0, g_sectionPrefix.size(), g_sectionPrefix) != 0) continue;
+        for (const ElfSection_& section : siteSections()) {
             ASSERT_EQ(section.m_size % sizeof(LogSite), 0U) << section.m_name;
             const auto* p_first = reinterpret_cast<const LogSite*>(p_map->l_addr + section.m_address);
             m_sites[section.m_name.substr(g_sectionPrefix.size())].assign(
@@ -111,6 +122,11 @@ TEST_F(LogSites, eachNamesModuleSourceSignatureAndLine) {
         }
     }
     EXPECT_GT(seen, 0U);
+}
+
+TEST_F(LogSites, lieInMemoryThatASinkMayWrite) {
+    EXPECT_EQ(siteSections().size(), 6U);
+    for (const ElfSection_& section : siteSections()) EXPECT_TRUE(section.m_isWritable) << section.m_name;
 }
 
 TEST_F(LogSites, noneStandsInALambda) {
