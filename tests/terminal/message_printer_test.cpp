@@ -6,6 +6,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
+#include <string>
+#include <vector>
 
 #include "foundation/utf8_name.h"
 #include "message/message_binary.h"
@@ -59,6 +61,15 @@ Record_ implRecord(const std::string& signature, const std::string& text) {
     return Record_(3, "vekmsg_impl.cpp", signature, text);
 }
 
+/// Notes what is there at each flush.
+struct FlushedLines_ : std::stringbuf {
+    std::vector<std::string> m_flushed;
+    int sync() override {
+        m_flushed.push_back(str());
+        return 0;
+    }
+};
+
 class MessagePrinter : public ::testing::Test {
 protected:
     bool print(const SP_VekMessage_& sp_message, const char* p_note) {
@@ -103,6 +114,19 @@ TEST_F(MessagePrinter, aNoteIsCutTo9399Characters) {
         EXPECT_EQ(m_stream.str(), "\n<!-- here  " + longest + " -->\n" + printed(sp_message));
     }
     EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(MessagePrinter, bothLineEndsOfTheCommentAreFlushed) {
+    FlushedLines_ buffer;
+    std::ostream stream(&buffer);
+    VekmsgPrinter_ printer(&stream, createUtf8String(utf8("here")), "note");
+    SP_VekMessage_ sp_message = messageFor("there");
+
+    EXPECT_TRUE(printer.process(sp_message));
+
+    ASSERT_GE(buffer.m_flushed.size(), 2U);
+    EXPECT_EQ(buffer.m_flushed[0], "\n");
+    EXPECT_EQ(buffer.m_flushed[1], "\n<!-- here  note -->\n");
 }
 
 TEST_F(MessagePrinter, theNoteIsACopy) {

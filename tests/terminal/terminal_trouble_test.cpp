@@ -1,7 +1,11 @@
 // A terminal whose connections end, meet or run out of memory at bad moments.
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <stdexcept>
 
 #include "support/allocation_failure.h"
@@ -13,8 +17,43 @@ namespace {
 
 using Numbers_ = std::vector<unsigned int>;
 
+/// How many peers a listening local socket lets wait before it turns one away.
+unsigned int peersThatMayWait(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    std::vector<int> waiting;
+    bool isTaken = true;
+    while (isTaken && waiting.size() < 100) {
+        waiting.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        isTaken = connect(waiting.back(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    }
+    for (const int descriptor : waiting) close(descriptor);
+    return static_cast<unsigned int>(waiting.size() - 1);
+}
+
+VekmsgTerminalImpl_* terminalOf(void* p_handle) {
+    return static_cast<VekmsgTerminalImpl_*>(p_handle);
+}
+
 class TerminalTrouble : public Installation_ {
 protected:
+    /// What anna writes when the stream of a peer that reached her breaks under a message.
+    Records_ recordsOfBrokenPeer(const std::string& address) {
+        const Terminal_ anna = open("anna", {address + " anna"});
+        RawPeer_ bert(address);
+        bert.write(nameBlock("bert"));
+        EXPECT_TRUE(eventually([&] { return anna->pass() && anna->isConnected(utf8("bert")); }));
+        SystemCalls_ calls;
+        calls.fail(SystemCalls_::Send, EPIPE);
+        calls.fail(SystemCalls_::Connect, EINPROGRESS);
+        EXPECT_TRUE(anna->sendMessage(messageTo("bert", 1)));
+        Records_ records = m_records.take();
+        EXPECT_FALSE(records.empty());
+        if (!records.empty()) records.erase(records.begin());  // the socket's own, with the peer's address
+        return records;
+    }
+
     /// Whether the peer's message goes out; false when the stream is closed already.
     static bool couldWrite(RawPeer_& peer, const Bytes_& bytes) {
         try {
@@ -90,4 +129,112 @@ TEST_F(TerminalTrouble, aStreamThatFoundNoMemoryIsNotTheOneThatStays) {
             anna->close();
         });
     }
+}
+
+TEST_F(TerminalTrouble, twentyPeersMayWaitToBeAccepted) {
+    const Terminal_ anna = openLocal("anna");
+
+    EXPECT_EQ(peersThatMayWait(m_folder.path("anna")), 21U);  // Linux lets one more wait than asked for
+}
+
+TEST_F(TerminalTrouble, aBrokenPeerIsReachedAgainByTheBudgetOfItsTransport) {
+    EXPECT_EQ(
+        recordsOfBrokenPeer(local("anna")),
+        (Records_{
+            debug(kReconnect, "Unable to reconnect failed socket between anna and bert after 1 attempts"),
+            debug(kSendHanding, "VekmsgTerminalImpl_::sendMessage() Unrecoverable send error at anna")}));
+    EXPECT_EQ(recordsOfBrokenPeer(freeTcpAddress()),
+              Records_{debug(kReconnect, "Reconnecting socket between anna and bert after 1 failures")});
+}
+
+TEST_F(TerminalTrouble, theRestOfARefusedBufferOutlivesItsConnectionThoughThePeerIsBack) {
+    const Terminal_ anna = openLocal("anna");
+    RawPeer_ first(local("anna"));
+    first.write(nameBlock("bert"));
+    ASSERT_TRUE(anna->pass());
+    anna->active("bert")->putBackReceived(
+        bufferOf(messageBlock("anna", "bert", 1) + messageBlock("anna", "bert", 2)));
+    std::unique_ptr<RawPeer_> second;
+    anna->setReceiveFilter(filterOf([&](SP_VekMessage_& sp_message) {
+        if (numberIn(sp_message) != 1) return true;
+        first.close();
+        anna->pass();
+        second.reset(new RawPeer_(local("anna")));
+        second->write(nameBlock("bert") + messageBlock("anna", "bert", 3));
+        anna->pass();
+        return false;
+    }));
+    SP_VekMessage_ sp_message;
+
+    EXPECT_FALSE(anna->receiveMessage(sp_message));
+
+    EXPECT_TRUE(anna->isConnected(utf8("bert")));
+    EXPECT_EQ(numbersAt(*anna), (Numbers_{2, 3}));
+}
+
+TEST_F(TerminalTrouble, terminalsBehindOneWithDataNeedNoRoomInPollFd) {
+    const Terminal_ anna = openLocal("anna");
+    std::vector<std::string> lines;
+    for (unsigned int i = 0; i <= VekmsgTerminalImpl_::kPollFdEntries; ++i)
+        lines.push_back(local("cora" + std::to_string(i)) + " cora");
+    const Terminal_ cora = open("cora", lines);
+    RawPeer_ bert(local("anna"));
+    bert.write(nameBlock("bert") + messageBlock("anna", "bert", 1));
+    void* handles[] = {static_cast<VekmsgTerminalImpl_*>(anna.get()),
+                       static_cast<VekmsgTerminalImpl_*>(cora.get()), nullptr};
+
+    EXPECT_EQ(VekmsgTerminalImpl_::pollFd(nullptr, 0, 0, terminalOf, reinterpret_cast<char*>(handles)),
+              VekmsgTerminal_::POLL_MESSAGE);
+
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(TerminalTrouble, oneCallServesAllConnectionsThoughTheFirstEndsMeanwhile) {
+    const Terminal_ anna = openLocal("anna");
+    std::list<RawPeer_> peers;
+    for (const char* p_peer : {"bert", "cora", "dora"}) {
+        peers.emplace_back(local("anna"));
+        peers.back().write(nameBlock(p_peer));
+        ASSERT_TRUE(anna->pass());
+        peers.back().write(messageBlock("anna", p_peer, static_cast<unsigned int>(peers.size())));
+    }
+    anna->setReceiveFilter(filterOf([&](SP_VekMessage_& sp_message) {
+        if (numberIn(sp_message) != 1) return true;
+        peers.front().close();
+        return anna->pass();
+    }));
+    SP_VekMessage_ sp_message;
+
+    EXPECT_TRUE(anna->receiveMessage(sp_message));
+
+    EXPECT_EQ(numberIn(sp_message), 1U);
+    EXPECT_TRUE(anna->active("bert").isNull());
+    EXPECT_EQ(anna->m_receivedMessages.size(), 2U);
+}
+
+TEST_F(TerminalTrouble, aSecondPeerUnderTheOwnNameIsTurnedAway) {
+    const Terminal_ anna = openLocal("anna");
+    RawPeer_ first(local("anna"));
+    first.write(nameBlock("anna"));
+    ASSERT_TRUE(anna->pass());
+    RawPeer_ second(local("anna"));
+    second.write(nameBlock("anna"));
+
+    EXPECT_TRUE(anna->pass());
+
+    EXPECT_EQ(
+        m_records.take(),
+        Records_{warning(kSettling, "Duplicate connections between anna and anna. Closing the new one")});
+    EXPECT_TRUE(second.isAtEnd());
+    EXPECT_TRUE(first.isQuiet());
+}
+
+TEST_F(TerminalTrouble, aPeerWhoseSocketIsGoneIsNotConnected) {
+    const Terminal_ anna = openLocal("anna");
+    const SP_TestConnection_ sp_bert = anna->addActive("bert");
+    sp_bert->m_sp_socket = SP_VekSocket_(new VekSocket_);
+    sp_bert->m_connectionState = VekmsgConnection_::STATE_RECEIVING_HEADER;
+    ASSERT_TRUE(sp_bert->isFunctional());
+
+    EXPECT_FALSE(anna->isConnected(utf8("bert")));
 }
