@@ -60,7 +60,8 @@ VEKMSG_API vekmsg_terminal_wait_result_ vekmsg_terminal_wait_for_message(void* t
 /* Waits at most `timeout` milliseconds on `count` descriptors of the caller (at most 128) and on the
  * terminals that follow as handles, ended by a null pointer: (void*)0, not 0. All descriptors together may be
  * 256. Returns -2 on an error, -1 when the time is over, 0 when a terminal has a message, or the number of
- * the caller's descriptors that are ready. */
+ * the caller's descriptors that are ready. Receive on each terminal until nothing is left before waiting
+ * again: messages already taken off their streams do not end this wait. */
 VEKMSG_API int vekmsg_terminal_pollfd(struct pollfd* fds, unsigned int count, unsigned int timeout, ...);
 
 VEKMSG_API vekmsg_status_ vekmsg_message_set_destination(void* message, const utf8_char_* destinationName);

@@ -102,7 +102,9 @@ public:
     /// Waits at most `timeout` milliseconds on the caller's `count` descriptors (at most 128) and on several
     /// terminals at once; all their descriptors together may be 256. The terminals follow as VekmsgTerminal_
     /// pointers, ended by a null pointer; closed ones do not count. The returned events of the caller's
-    /// entries are filled in when at least one of them is ready.
+    /// entries are filled in when at least one of them is ready. Receive on each terminal until it gives null
+    /// before waiting again: one receiveMessage() may have taken messages of several peers off their streams,
+    /// and those that it has not given out yet do not end this wait.
     static PollResult_ pollFd(pollfd* p_pollFd, unsigned int count, unsigned int timeout, ...);
 
     /// The inner object of a terminal, null while it is not open.

@@ -189,6 +189,16 @@ TEST_F(TerminalTrouble, terminalsBehindOneWithDataNeedNoRoomInPollFd) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(TerminalTrouble, messagesTakenAndNotGivenOutEndAWaitButNotPollFd) {
+    const Terminal_ anna = openLocal("anna");
+    anna->m_receivedMessages.push_back(messageTo("anna", 1));
+    void* handles[] = {static_cast<VekmsgTerminalImpl_*>(anna.get()), nullptr};
+
+    EXPECT_EQ(VekmsgTerminalImpl_::pollFd(nullptr, 0, 0, terminalOf, reinterpret_cast<char*>(handles)),
+              VekmsgTerminal_::POLL_TIMEOUT);
+    EXPECT_EQ(anna->waitForMessage(0), VekmsgTerminal_::WAIT_MESSAGE);
+}
+
 TEST_F(TerminalTrouble, oneCallServesAllConnectionsThoughTheFirstEndsMeanwhile) {
     const Terminal_ anna = openLocal("anna");
     std::list<RawPeer_> peers;
