@@ -248,3 +248,49 @@ TEST_F(TerminalTrouble, aPeerWhoseSocketIsGoneIsNotConnected) {
 
     EXPECT_FALSE(anna->isConnected(utf8("bert")));
 }
+
+// The name is empty, yet its block is long enough for the blocks behind it to be read.
+TEST_F(TerminalTrouble, whatANamelessPeerSentIsNotKeptWhetherItStaysOrLeaves) {
+    const Terminal_ anna = openLocal("anna");
+    const Bytes_ bytes = block(1, std::string("\0abc\0", 5)) + messageBlock("anna", "bert", 1);
+    RawPeer_ staying(local("anna"));
+    staying.write(bytes);
+    RawPeer_(local("anna")).write(bytes);
+    bool gotData = true;
+
+    EXPECT_TRUE(anna->processPollEvents(gotData));
+    EXPECT_FALSE(gotData);
+    EXPECT_TRUE(anna->processPollEvents(gotData));
+    EXPECT_FALSE(gotData);
+
+    EXPECT_TRUE(anna->m_keptBlocks.empty());
+    EXPECT_TRUE(anna->m_unresolvedConnections.empty());
+    EXPECT_TRUE(staying.isAtEnd());
+    EXPECT_EQ(m_records.take(),
+              (Records_{warning(kResolving,
+                                "VekmsgTerminalImpl_::processPollEvents(anna) got a null peerName for an "
+                                "unresolved connection"),
+                        debug(kResolving, "Deleting unresolved connection at anna")}));
+}
+
+TEST_F(TerminalTrouble, theSchemaOfAPingReplyIsALiteral) {
+    const Terminal_ anna = openLocal("anna");
+    RawPeer_ bert(local("anna"));
+    bert.write(nameBlock("bert") + messageBlock("anna", "bert", 1, 3, kPingRequest));
+    anna->setReceiveFilter(filterOf([](SP_VekMessage_& sp_message) {
+        return sp_message->setPayloadSchema(utf8(kPingRequest), VekMessage_::SCHEMA_URI);
+    }));
+    std::string schema;
+    auto type = VekMessage_::SCHEMA_URI;
+    anna->setSendFilter(filterOf([&](SP_VekMessage_& sp_message) {
+        schema = text(sp_message->getPayloadSchema());
+        type = sp_message->getPayloadSchemaType();
+        return true;
+    }));
+    SP_VekMessage_ sp_message;
+
+    EXPECT_TRUE(anna->receiveMessage(sp_message));
+
+    EXPECT_EQ(schema, kPingReply);
+    EXPECT_EQ(type, VekMessage_::SCHEMA_LITERAL);
+}
