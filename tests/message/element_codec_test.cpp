@@ -45,6 +45,20 @@ protected:
         return read(element(5, VEKMSG_STRING, bytesOf(value)));
     }
 
+    /// A number without bytes leaves an element that still has the length of its value before.
+    void expectEmptyNumberIsNotReadBy(const std::string& length) {
+        readUint({});
+        EXPECT_EQ(m_records.take(), Records_{kEmptyNumber});
+        unsigned int value = 42;
+
+        EXPECT_FALSE(m_sp_element->getValue(value));
+
+        EXPECT_EQ(value, 42U);
+        EXPECT_EQ(m_records.take(),
+                  Records_{error(kGetUint, "VekmsgElementBinary_::getValue() wrong data length " + length +
+                                               " for uint")});
+    }
+
     SP_VekmsgElementBinary_ m_sp_element = newElement(0);
 };
 
@@ -250,28 +264,13 @@ TEST_F(ElementCodec, aNumberWithoutBytesIsRefused) {
 }
 
 TEST_F(ElementCodec, aRefusedNumberHasNoLengthToReadItBy) {
-    readUint({});
-    EXPECT_EQ(m_records.take(), Records_{kEmptyNumber});
-    unsigned int value = 42;
-
-    EXPECT_FALSE(m_sp_element->getValue(value));
-
-    EXPECT_EQ(value, 42U);
-    EXPECT_EQ(m_records.take(),
-              Records_{error(kGetUint, "VekmsgElementBinary_::getValue() wrong data length 0 for uint")});
+    expectEmptyNumberIsNotReadBy("0");
 }
 
 TEST_F(ElementCodec, aRefusedNumberBehindALongerValueCannotBeRead) {
     m_sp_element = newBinary(1, {1, 2, 3, 4, 5});
-    readUint({});
-    EXPECT_EQ(m_records.take(), Records_{kEmptyNumber});
-    unsigned int value = 42;
 
-    EXPECT_FALSE(m_sp_element->getValue(value));
-
-    EXPECT_EQ(value, 42U);
-    EXPECT_EQ(m_records.take(),
-              Records_{error(kGetUint, "VekmsgElementBinary_::getValue() wrong data length 5 for uint")});
+    expectEmptyNumberIsNotReadBy("5");
 }
 
 TEST_F(ElementCodec, aRefusedNumberIsReadFromWhatTheStorageHolds) {

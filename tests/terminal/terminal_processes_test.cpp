@@ -117,6 +117,29 @@ protected:
     bool isTcp() const override { return std::string(GetParam()) == "tcp"; }
 };
 
+const std::string kBothOrders[][2] = {{"anna", "bert"}, {"bert", "anna"}};
+
+/// Two components that connect to each other: each sends, 1 from here and 2 from there, before either looks
+/// at its sockets.
+class Crossing_ {
+public:
+    bool sendFromHere(TestTerminal_& terminal, const std::string& there) const {
+        if (!terminal.sendMessage(messageTo(there, 1))) return false;
+        m_maySend.give();
+        return m_hasSent.await();
+    }
+
+    bool sendFromThere(TestTerminal_& terminal, const std::string& here) const {
+        if (!m_maySend.await() || !terminal.sendMessage(messageTo(here, 2))) return false;
+        m_hasSent.give();
+        return true;
+    }
+
+private:
+    const Signal_ m_maySend;
+    const Signal_ m_hasSent;
+};
+
 class CrossingProcesses : public Processes_ {
 protected:
     bool isTcp() const override { return false; }
@@ -221,17 +244,14 @@ TEST_P(TerminalProcesses, aRelayDropsWhatMayNotTravelFurther) {
 // Both have sent before either looks at its sockets. The smaller name looks first: once the greater one has
 // closed the stream it opened itself, the smaller one would find that stream ended and not a duplicate.
 TEST_F(CrossingProcesses, theyKeepTheStreamOfTheSmallerNameWhicheverThatIs) {
-    const std::string names[][2] = {{"anna", "bert"}, {"bert", "anna"}};
-    for (const auto& pair : names) {
+    for (const auto& pair : kBothOrders) {
         const std::string& here = pair[0];
         const std::string& there = pair[1];
-        const Signal_ mayConnect;
-        const Signal_ hasConnected;
+        const Crossing_ crossing;
         const Signal_ mayLook;
         const Signal_ hasLooked;
         const Process_ process = start(there, {here}, [&](TestTerminal_& terminal) {
-            if (!mayConnect.await() || !terminal.sendMessage(messageTo(here, 2))) return 1;
-            hasConnected.give();
+            if (!crossing.sendFromThere(terminal, here)) return 1;
             if (!mayLook.await() || numbersAt(terminal) != Numbers_{1}) return 2;
             hasLooked.give();
             if (m_records.take() != Records_{duplicate(there, here)}) return 3;
@@ -239,9 +259,7 @@ TEST_F(CrossingProcesses, theyKeepTheStreamOfTheSmallerNameWhicheverThatIs) {
             return sp_end && numberIn(sp_end) == kEnd && hasOneStreamWith(terminal, here) ? 0 : 4;
         });
         const Terminal_ terminal = openHere(here, {there});
-        ASSERT_TRUE(terminal->sendMessage(messageTo(there, 1)));
-        mayConnect.give();
-        ASSERT_TRUE(hasConnected.await());
+        ASSERT_TRUE(crossing.sendFromHere(*terminal, there));
         const auto letTheOtherLook = [&] {
             mayLook.give();
             return hasLooked.await();
@@ -266,16 +284,13 @@ TEST_F(CrossingProcesses, theyKeepTheStreamOfTheSmallerNameWhicheverThatIs) {
 }
 
 TEST_P(TerminalProcesses, componentsThatConnectToEachOtherEndWithOneStream) {
-    const std::string names[][2] = {{"anna", "bert"}, {"bert", "anna"}};
-    for (const auto& pair : names) {
+    for (const auto& pair : kBothOrders) {
         const std::string& here = pair[0];
         const std::string& there = pair[1];
-        const Signal_ mayConnect;
-        const Signal_ hasConnected;
+        const Crossing_ crossing;
         const Signal_ isSettledThere;
         const Process_ process = start(there, {here}, [&](TestTerminal_& terminal) {
-            if (!mayConnect.await() || !terminal.sendMessage(messageTo(here, 2))) return 1;
-            hasConnected.give();
+            if (!crossing.sendFromThere(terminal, here)) return 1;
             if (!eventually([&] { return terminal.pass() && hasOneStreamWith(terminal, here); })) return 2;
             isSettledThere.give();
             const bool isEnded = eventually([&] {
@@ -285,9 +300,7 @@ TEST_P(TerminalProcesses, componentsThatConnectToEachOtherEndWithOneStream) {
             return isEnded && hasOneStreamWith(terminal, here) ? 0 : 3;
         });
         const Terminal_ terminal = openHere(here, {there});
-        ASSERT_TRUE(terminal->sendMessage(messageTo(there, 1)));
-        mayConnect.give();
-        ASSERT_TRUE(hasConnected.await());
+        ASSERT_TRUE(crossing.sendFromHere(*terminal, there));
 
         EXPECT_TRUE(eventually([&] {
             pollfd entry = isSettledThere.readEntry();
