@@ -6,15 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "libcpp/utf8_string.h"
 #include "support/temporary_folder.h"
+#include "support/utf8_text.h"
 
-inline const Utf8Char_* utf8(const char* p_text) {
-    return reinterpret_cast<const Utf8Char_*>(p_text);
-}
-inline const Utf8Char_* utf8(const std::string& text) {
-    return utf8(text.c_str());
-}
 inline std::string text(const Utf8Char_* p_text) {
     return p_text != nullptr ? reinterpret_cast<const char*>(p_text) : "(null)";
 }

@@ -50,7 +50,7 @@ public:
             const std::size_t part = random.oneIn(2)
                                          ? session.size()
                                          : 1 + random.below(static_cast<unsigned int>(session.size()));
-            if (m_streams.back().write(session.substr(0, part)) == 0) break;
+            if (m_streams.back().writeSome(session.substr(0, part)) == 0) break;
             session.erase(0, part);
             if (!session.empty()) m_terminal.exchange();
         }

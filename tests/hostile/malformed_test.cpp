@@ -6,6 +6,7 @@
 
 #include "hostile/open_terminal.h"
 #include "message/message_binary.h"
+#include "support/buffer_bytes.h"
 #include "support/format_page.h"
 #include "support/record_lines.h"
 #include "support/wire_bytes.h"
@@ -326,11 +327,8 @@ std::string schemasOf(const std::vector<SP_VekMessage_>& messages) {
 /// A message with this payload, larger perhaps than what a block could carry.
 SP_VekMessageBinary_ messageWith(const std::string& payload) {
     const std::string bytes = wire::header("own", "panel", 3, "first") + payload;
-    SP_BasicBuffer_ sp_buffer(new BasicBuffer_(static_cast<unsigned int>(bytes.size())));
-    sp_buffer->setDataArea(0, static_cast<unsigned int>(bytes.size()));
-    std::copy(bytes.begin(), bytes.end(), sp_buffer->data());
     SP_VekMessageBinary_ sp_message(new VekMessageBinary_);
-    EXPECT_EQ(sp_message->deserialize(sp_buffer), bytes.size());
+    EXPECT_EQ(sp_message->deserialize(tightBufferOf(bytes)), bytes.size());
     return sp_message;
 }
 
@@ -351,7 +349,7 @@ TEST_P(MalformedStream, hasTheOutcomeAndTheRecordsOfTheFormatPage) {
     const std::string bytes =
         GetParam().m_bytes + (outcome == Outcome_::Refused ? std::string() : goodBlock("last"));
 
-    ASSERT_EQ(peer.write(bytes), bytes.size());
+    peer.write(bytes);
     for (int i = 0; i < 3; ++i) terminal.exchange();
 
     const std::string schemas = schemasOf(terminal.received());

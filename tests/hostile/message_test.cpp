@@ -1,26 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <sstream>
 
 #include "hostile/hostile_input.h"
 #include "message/message_binary.h"
+#include "support/buffer_bytes.h"
 #include "support/wire_bytes.h"
 
 namespace {
-
-std::string bytesOf(const BasicBuffer_& buffer) {
-    return std::string(reinterpret_cast<const char*>(buffer.data()), buffer.dataLength());
-}
-
-/// Puts the bytes into a buffer with `room` in front, as they lie there when they were received.
-SP_BasicBuffer_ received(const std::string& bytes, unsigned int room) {
-    const auto size = static_cast<unsigned int>(bytes.size());
-    SP_BasicBuffer_ sp_buffer(new BasicBuffer_(room + size));
-    EXPECT_TRUE(sp_buffer->setDataArea(room, size));
-    if (size != 0) std::memcpy(sp_buffer->data(), bytes.data(), size);
-    return sp_buffer;
-}
 
 /// What a message is, without its payload.
 std::string headerOf(const VekMessage_& message) {
@@ -42,11 +29,11 @@ std::string encoded(VekMessageBinary_& message) {
 /// A payload that makes a tree is written, read and written to the same bytes.
 void checkTree(const std::string& bytes) {
     const SP_VekMessageBinary_ sp_message(new VekMessageBinary_);
-    sp_message->deserialize(received(bytes, 0));
+    sp_message->deserialize(tightBufferOf(bytes));
     if (sp_message->getPayload().isNull()) return;
     const std::string written = encoded(*sp_message);
     const SP_VekMessageBinary_ sp_again(new VekMessageBinary_);
-    EXPECT_EQ(sp_again->deserialize(received(written, 0)), written.size());
+    EXPECT_EQ(sp_again->deserialize(tightBufferOf(written)), written.size());
     EXPECT_FALSE(sp_again->getPayload().isNull());
     EXPECT_EQ(encoded(*sp_again), written);
 }
@@ -58,7 +45,7 @@ bool checkMessage(Random_& random) {
         randomMessage(random, random.text(random.below(9), "dest"), random.text(random.below(9), "src"));
     mutate(random, bytes);
     const SP_VekMessageBinary_ sp_message(new VekMessageBinary_);
-    const unsigned int used = sp_message->deserialize(received(bytes, random.below(80)));
+    const unsigned int used = sp_message->deserialize(tightBufferOf(bytes, random.below(80)));
     std::ostringstream text;
     EXPECT_TRUE(sp_message->print(&text, 0));
     if (used == 0) return false;
@@ -74,7 +61,7 @@ bool checkMessage(Random_& random) {
     const std::string header = headerOf(*sp_message);
     const std::string written = encoded(*sp_message);
     const SP_VekMessageBinary_ sp_again(new VekMessageBinary_);
-    EXPECT_EQ(sp_again->deserialize(received(written, 0)), written.size());
+    EXPECT_EQ(sp_again->deserialize(tightBufferOf(written)), written.size());
     EXPECT_EQ(headerOf(*sp_again), header);
     EXPECT_EQ(encoded(*sp_again), written);
     checkTree(written);

@@ -47,7 +47,7 @@ void OpenTerminal_::serveGood() {
 bool OpenTerminal_::closes(RawPeer_& hostile, unsigned int tries) {
     for (unsigned int i = 0; i < tries; ++i) {
         serveOwn();
-        if (hostile.isClosed(i < 5 ? 0 : 1)) return true;
+        if (hostile.isAtEnd(i < 5 ? 0 : 1)) return true;
     }
     return false;
 }

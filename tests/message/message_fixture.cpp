@@ -7,11 +7,12 @@
 #include <memory>
 
 #include "support/allocation_failure.h"
+#include "support/wire_bytes.h"
 
 namespace {
 
-Bytes_ number16(std::size_t value) {
-    return {static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value)};
+Bytes_ number16(unsigned int value) {
+    return bytesOf(wire::u16(value));
 }
 
 void* runBody(void* p_body) {
@@ -32,7 +33,7 @@ Bytes_ bytesOf(const std::string& text) {
 }
 
 Bytes_ item(unsigned int tag, unsigned int type, const Bytes_& value) {
-    return number16(tag) + number16(type) + number16(value.size()) + value;
+    return bytesOf(wire::item(tag, type, std::string(value.begin(), value.end())));
 }
 
 Bytes_ element(unsigned int tag, unsigned int type, const Bytes_& value) {
@@ -53,11 +54,9 @@ Bytes_ nestedElements(unsigned int levels) {
     return bytes + element(7, VEKMSG_BINARY, {});
 }
 
-Bytes_ header(const std::string& destination, const std::string& source, unsigned char timeToLive,
+Bytes_ header(const std::string& destination, const std::string& source, unsigned int timeToLive,
               const std::string& schema) {
-    return item(1, VEKMSG_STRING, bytesOf(destination + '\0')) +
-           item(2, VEKMSG_STRING, bytesOf(source + '\0')) + item(3, VEKMSG_UINT, {0, 0, 0, timeToLive}) +
-           item(4, VEKMSG_STRING, bytesOf(schema + '\0'));
+    return bytesOf(wire::header(destination, source, timeToLive, schema));
 }
 
 SP_BasicBuffer_ bufferOf(const Bytes_& bytes, unsigned int headerRoom) {

@@ -9,6 +9,7 @@
 
 #include "message/message_binary.h"
 #include "support/record_capture.h"
+#include "support/utf8_text.h"
 
 using Bytes_ = std::vector<unsigned char>;
 
@@ -17,9 +18,6 @@ inline const Utf8Char_* text(const char* p_text) {
 }
 inline const Utf8Char_* text(const std::string& text) {
     return reinterpret_cast<const Utf8Char_*>(text.c_str());
-}
-inline std::string plain(const Utf8Char_* p_text) {
-    return reinterpret_cast<const char*>(p_text);
 }
 
 // Encoded forms, built by hand.
@@ -33,7 +31,7 @@ Bytes_ uintElement(unsigned int tag, unsigned char value);
 Bytes_ nestedElements(unsigned int levels);
 
 /// A message up to its payload.
-Bytes_ header(const std::string& destination, const std::string& source, unsigned char timeToLive,
+Bytes_ header(const std::string& destination, const std::string& source, unsigned int timeToLive,
               const std::string& schema);
 
 /// A buffer with these data bytes at the very end of its storage, behind this room.

@@ -4,12 +4,12 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -44,14 +44,33 @@ struct Endpoint_ {
     socklen_t m_size;
 };
 
-bool isReadable(int descriptor, unsigned int limitMs) {
-    pollfd entry = {descriptor, POLLIN, 0};
-    return poll(&entry, 1, static_cast<int>(limitMs)) > 0;
+constexpr unsigned int kWriteLimitMs = 10000;
+
+bool isReady(int descriptor, short events, unsigned int limitMs) {
+    pollfd entry = {descriptor, events, 0};
+    const timespec limit = {static_cast<time_t>(limitMs / 1000), static_cast<long>(limitMs % 1000) * 1000000};
+    return ::ppoll(&entry, 1, &limit, nullptr) > 0;
+}
+
+ssize_t sendNow(int descriptor, const char* p_bytes, std::size_t size, int flags) {
+    iovec piece = {const_cast<char*>(p_bytes), size};
+    msghdr message = {};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    return ::sendmsg(descriptor, &message, flags | MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+ssize_t receiveNow(int descriptor, char* p_bytes, std::size_t size, int flags) {
+    iovec piece = {p_bytes, size};
+    msghdr message = {};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    return ::recvmsg(descriptor, &message, flags);
 }
 
 [[noreturn]] void fail(const char* p_what, int descriptor) {
     const std::string text = std::string(p_what) + ": " + std::strerror(errno);
-    close(descriptor);
+    if (descriptor != -1) close(descriptor);
     throw std::runtime_error(text);
 }
 
@@ -63,6 +82,13 @@ RawPeer_::RawPeer_(const std::string& address) {
     if (connect(m_descriptor, &endpoint.m_native.m_any, endpoint.m_size) != 0) fail("connect", m_descriptor);
 }
 
+RawPeer_ RawPeer_::acceptedFrom(int listener, unsigned int limitMs) {
+    if (!isReady(listener, POLLIN, limitMs)) throw std::runtime_error("nobody came");
+    RawPeer_ peer(::accept(listener, nullptr, nullptr));
+    if (peer.m_descriptor == -1) fail("accept", -1);
+    return peer;
+}
+
 RawPeer_::RawPeer_(RawPeer_&& other) noexcept : m_descriptor(other.m_descriptor) {
     other.m_descriptor = -1;
 }
@@ -72,31 +98,56 @@ RawPeer_& RawPeer_::operator=(RawPeer_&& other) noexcept {
     return *this;
 }
 
-std::size_t RawPeer_::write(const std::string& bytes) {
-    const ssize_t written = send(m_descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+void RawPeer_::write(const std::string& bytes) {
+    for (std::size_t written = 0; written < bytes.size();) {
+        const bool hasRoom = isReady(m_descriptor, POLLOUT, kWriteLimitMs);
+        const ssize_t count =
+            hasRoom ? sendNow(m_descriptor, bytes.data() + written, bytes.size() - written, 0) : 0;
+        if (count <= 0) throw std::runtime_error("a raw peer cannot write");
+        written += static_cast<std::size_t>(count);
+    }
+}
+
+std::size_t RawPeer_::writeSome(const std::string& bytes) {
+    const ssize_t written = sendNow(m_descriptor, bytes.data(), bytes.size(), 0);
     return written > 0 ? static_cast<std::size_t>(written) : 0;
 }
 
-bool RawPeer_::writeUrgent(char byte) {
-    return send(m_descriptor, &byte, 1, MSG_NOSIGNAL | MSG_OOB) == 1;
+void RawPeer_::writeUrgent(char byte) {
+    if (sendNow(m_descriptor, &byte, 1, MSG_OOB) != 1)
+        throw std::runtime_error("a raw peer cannot write urgent data");
 }
 
 std::string RawPeer_::read(std::size_t size, unsigned int limitMs) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
     std::string bytes;
-    while (bytes.size() < size && std::chrono::steady_clock::now() < limit) {
-        if (!isReadable(m_descriptor, 10)) continue;
+    while (bytes.size() < size && isReady(m_descriptor, POLLIN, limitMs)) {
         char part[4096];
-        const ssize_t count = recv(m_descriptor, part, std::min(sizeof(part), size - bytes.size()), 0);
+        const ssize_t count = receiveNow(m_descriptor, part, std::min(sizeof(part), size - bytes.size()), 0);
         if (count <= 0) break;
         bytes.append(part, static_cast<std::size_t>(count));
     }
     return bytes;
 }
 
-bool RawPeer_::isClosed(unsigned int limitMs) {
+std::string RawPeer_::readArrived() {
+    return read(std::string::npos, 0);
+}
+
+std::string RawPeer_::readBlock() {
+    const std::string header = read(4);
+    if (header.size() < 4) return header;
+    const auto high = static_cast<unsigned char>(header[2]);
+    const auto low = static_cast<unsigned char>(header[3]);
+    return header + read(static_cast<std::size_t>(high) << 8 | low);
+}
+
+bool RawPeer_::isQuiet() const {
+    return !isReady(m_descriptor, POLLIN, 0);
+}
+
+bool RawPeer_::isAtEnd(unsigned int limitMs) const {
     char byte = 0;
-    return isReadable(m_descriptor, limitMs) && recv(m_descriptor, &byte, 1, MSG_PEEK) <= 0;
+    return isReady(m_descriptor, POLLIN, limitMs) && receiveNow(m_descriptor, &byte, 1, MSG_PEEK) <= 0;
 }
 
 void RawPeer_::finish() {
@@ -113,20 +164,16 @@ void RawPeer_::close() {
     m_descriptor = -1;
 }
 
-RawListener_::RawListener_(const std::string& address) {
+RawListener_::RawListener_(const std::string& address, int backlog) {
     const Endpoint_ endpoint(address);
     m_descriptor = endpoint.newSocket();
     const int on = 1;
     setsockopt(m_descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (bind(m_descriptor, &endpoint.m_native.m_any, endpoint.m_size) != 0 || listen(m_descriptor, 8) != 0)
+    if (bind(m_descriptor, &endpoint.m_native.m_any, endpoint.m_size) != 0 ||
+        listen(m_descriptor, backlog) != 0)
         fail("listen", m_descriptor);
 }
 
 RawListener_::~RawListener_() {
     close(m_descriptor);
-}
-
-RawPeer_ RawListener_::accept(unsigned int limitMs) {
-    if (!isReadable(m_descriptor, limitMs)) throw std::runtime_error("nobody came");
-    return RawPeer_(::accept(m_descriptor, nullptr, nullptr));
 }

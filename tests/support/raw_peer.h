@@ -3,30 +3,48 @@
 
 #include <string>
 
-/// One end of a stream that knows nothing of the library: tests write bytes into it and read what comes.
+/// One end of a stream that knows nothing of the library: tests write bytes into it and read what comes. What
+/// it does with an open stream are not the calls that tests make fail, nor does it look at their clock.
 class RawPeer_ {
 public:
+    RawPeer_() = default;
+
     /// Takes over a connected descriptor.
     explicit RawPeer_(int descriptor) : m_descriptor(descriptor) {}
 
     /// Connects to an address text, or throws.
     explicit RawPeer_(const std::string& address);
 
+    /// Accepts a stream from a listening descriptor; throws when nobody comes within the limit.
+    static RawPeer_ acceptedFrom(int listener, unsigned int limitMs = 10000);
+
     ~RawPeer_() { close(); }
     RawPeer_(RawPeer_&& other) noexcept;
     RawPeer_& operator=(RawPeer_&& other) noexcept;
 
+    /// Writes all bytes; throws when the other end is closed or leaves no room for some seconds.
+    void write(const std::string& bytes);
+
     /// Writes what fits at once; the number of bytes written, 0 also when the other end is closed.
-    std::size_t write(const std::string& bytes);
+    std::size_t writeSome(const std::string& bytes);
 
-    /// Writes one byte as urgent data. For TCP.
-    bool writeUrgent(char byte);
+    /// Writes one byte as urgent data, or throws. For TCP.
+    void writeUrgent(char byte);
 
-    /// Waits for `size` bytes; fewer when the stream ends or the limit passes.
+    /// Waits for `size` bytes; fewer when the stream ends or nothing more comes within the limit.
     std::string read(std::size_t size, unsigned int limitMs = 10000);
 
-    /// Whether the other end has closed the stream, with nothing left to be read.
-    bool isClosed(unsigned int limitMs = 0);
+    /// What has arrived up to now.
+    std::string readArrived();
+
+    /// Header and payload of the next block.
+    std::string readBlock();
+
+    /// Whether there is nothing to read now, not even the end of the stream.
+    bool isQuiet() const;
+
+    /// Whether the other end closes the stream within the limit, with nothing left to be read.
+    bool isAtEnd(unsigned int limitMs = 10000) const;
 
     /// Ends the sending direction alone.
     void finish();
@@ -35,22 +53,21 @@ public:
     void resetOnClose();
 
     void close();
-    bool isOpen() const { return m_descriptor != -1; }
 
 private:
-    int m_descriptor;
+    int m_descriptor = -1;
 };
 
 /// Waits for streams at an address.
 class RawListener_ {
 public:
-    explicit RawListener_(const std::string& address);
+    explicit RawListener_(const std::string& address, int backlog = 8);
     ~RawListener_();
     RawListener_(const RawListener_&) = delete;
     RawListener_& operator=(const RawListener_&) = delete;
 
     /// Throws when nobody comes within the limit.
-    RawPeer_ accept(unsigned int limitMs = 10000);
+    RawPeer_ accept(unsigned int limitMs = 10000) { return RawPeer_::acceptedFrom(m_descriptor, limitMs); }
 
 private:
     int m_descriptor;

@@ -5,15 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/utf8_text.h"
 #include "vekmsg/vekmsg.h"
-
-inline const Utf8Char_* utf8(const std::string& text) {
-    return reinterpret_cast<const Utf8Char_*>(text.c_str());
-}
-
-inline std::string plain(const Utf8Char_* p_text) {
-    return reinterpret_cast<const char*>(p_text);
-}
 
 /// An open terminal, with the calls that tests make again and again.
 class Station_ {

@@ -7,9 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "support/buffer_bytes.h"
+#include "support/raw_peer.h"
 #include "support/record_capture.h"
 #include "support/system_calls.h"
 #include "support/temporary_folder.h"
+#include "support/wire_bytes.h"
 #include "terminal/connection.h"
 
 // Compilers spell the types that are nested in the class of a function with or without that class.
@@ -37,41 +40,9 @@ public:
 };
 using SP_BareConnection_ = SmartPointer_<BareConnection_>;
 
-/// The far end of a stream: a plain descriptor. Its calls are not those that tests make fail. What does not
-/// happen within a limit fails the test.
-class Peer_ {
-public:
-    Peer_() = default;
-    explicit Peer_(int descriptor) : m_descriptor(descriptor) {}
-    Peer_(Peer_&& other) noexcept;
-    Peer_& operator=(Peer_&& other) noexcept;
-    ~Peer_() { close(); }
+using wire::block;
+using wire::nameBlock;
 
-    static Peer_ connectedTo(const VekSocketAddress_& address);
-    static Peer_ acceptedFrom(const VekSocket_& listener);
-
-    void write(const std::string& bytes);
-    void writeUrgent(char byte);
-
-    /// Exactly so many bytes, or fewer after a failure.
-    std::string read(std::size_t size);
-
-    /// What has arrived up to now.
-    std::string readArrived();
-
-    void close();
-    int descriptor() const { return m_descriptor; }
-
-private:
-    int m_descriptor = -1;
-};
-
-// Bytes.
-
-std::string block(unsigned int type, const std::string& payload);
-std::string nameBlock(const std::string& name);
-SP_BasicBuffer_ bufferOf(const std::string& bytes);
-std::string bytesOf(const SP_BasicBuffer_& sp_buffer);
 std::vector<std::string> bytesOf(const BufferQueue_& queue);
 SP_Utf8String_ nameOf(const std::string& text);
 
@@ -128,7 +99,7 @@ protected:
     VekSocket_ m_localListener;
     VekSocket_ m_tcpListener;
     SP_BareConnection_ m_sp_connection;
-    Peer_ m_peer;
+    RawPeer_ m_peer;
     bool m_hasMessages = false;
 };
 

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "support/utf8_text.h"
 #include "vekmsg/message.h"
 
 /// A message class of an application's own, which the library cannot encode. Each setter can be made to
@@ -53,9 +54,6 @@ public:
     bool m_refusesSchema = false;
 
 private:
-    static const Utf8Char_* utf8(const std::string& text) {
-        return reinterpret_cast<const Utf8Char_*>(text.c_str());
-    }
     static bool set(std::string& text, const Utf8Char_* p_text) {
         text = reinterpret_cast<const char*>(p_text);
         return true;

@@ -8,8 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "support/buffer_bytes.h"
+#include "support/raw_peer.h"
 #include "support/record_capture.h"
 #include "support/temporary_folder.h"
+#include "support/utf8_text.h"
+#include "support/wire_bytes.h"
 #include "terminal/terminal_impl.h"
 #include "terminal/terminal_records.h"
 
@@ -67,55 +71,12 @@ private:
 };
 SP_VekmsgFilter_ filterOf(const FilterOf_::Process_& process);
 
-/// The other end of a stream, which writes and reads exact bytes.
-class RawPeer_ {
-public:
-    /// Connects to an address given as text.
-    explicit RawPeer_(const std::string& address);
-    explicit RawPeer_(int descriptor) : m_descriptor(descriptor) {}
-    RawPeer_(RawPeer_&& other) noexcept : m_descriptor(other.m_descriptor) { other.m_descriptor = -1; }
-    ~RawPeer_() { close(); }
-    RawPeer_(const RawPeer_&) = delete;
-    RawPeer_& operator=(const RawPeer_&) = delete;
-
-    void write(const Bytes_& bytes);
-    /// That many bytes, or fewer when no more come within some seconds.
-    Bytes_ read(std::size_t count);
-    /// Header and payload of the next block.
-    Bytes_ readBlock();
-    /// Whether nothing but the end of the stream comes within some seconds.
-    bool isAtEnd();
-    /// Whether there is nothing to read now.
-    bool isQuiet();
-    void close();
-
-private:
-    int m_descriptor;
-};
-
-/// A listening socket that is no terminal's.
-class RawListener_ {
-public:
-    explicit RawListener_(const std::string& address, int backlog = 8);
-    ~RawListener_();
-    RawListener_(const RawListener_&) = delete;
-    RawListener_& operator=(const RawListener_&) = delete;
-
-    RawPeer_ accept();
-
-private:
-    int m_descriptor;
-};
-
-const Utf8Char_* utf8(const std::string& text);
 std::string text(const Utf8Char_* p_text);
 SP_Utf8String_ name(const std::string& text);
 
-Bytes_ item(unsigned int tag, unsigned int type, const Bytes_& value);
-Bytes_ block(unsigned int type, const Bytes_& payload);
-Bytes_ nameBlock(const std::string& name);
-SP_BasicBuffer_ bufferOf(const Bytes_& bytes);
-Bytes_ bytesOf(const SP_BasicBuffer_& sp_buffer);
+using wire::block;
+using wire::item;
+using wire::nameBlock;
 
 /// A message whose payload is one number.
 SP_VekMessage_ messageTo(const std::string& destination, unsigned int number,

@@ -14,6 +14,7 @@
 #include "support/allocation_failure.h"
 #include "support/record_capture.h"
 #include "support/temporary_folder.h"
+#include "support/utf8_text.h"
 #include "terminal/terminal_impl.h"
 
 namespace {
@@ -21,10 +22,6 @@ namespace {
 constexpr char kProcess[] = "virtual bool VekmsgPrinter_::process(SP_VekMessage_&)";
 constexpr char kCreate[] =
     "bool VekmsgTerminalImpl_::CreateMessagePrinter(std::ostream*, const char*, SP_VekmsgFilter_&) const";
-
-const Utf8Char_* utf8(const char* p_text) {
-    return reinterpret_cast<const Utf8Char_*>(p_text);
-}
 
 SP_VekMessageBinary_ messageFor(const char* p_destination) {
     SP_VekMessageBinary_ sp_message(new (std::nothrow) VekMessageBinary_);

@@ -234,7 +234,7 @@ TEST_F(Reconnection, waitingBlocksFollowTheNameOnTheNewSocket) {
     EXPECT_EQ(m_sp_connection->state(), Connection_::STATE_SENDING_NAME);
     EXPECT_NE(m_sp_connection->m_sp_socket, sp_before);
     EXPECT_EQ(sp_before->descriptor(), -1);
-    m_peer = Peer_::acceptedFrom(m_tcpListener);
+    m_peer = RawPeer_::acceptedFrom(m_tcpListener.descriptor());
     awaitWritable(socket().descriptor());
     EXPECT_TRUE(turn());
     EXPECT_EQ(m_peer.read(28), nameBlock("here") + block(2, "first") + block(2, "second"));
@@ -273,7 +273,7 @@ TEST_F(Reconnection, aWriteThatFailsReconnectsAndKeepsTheBlock) {
         m_records.take(),
         (Records_{socketRecord(7, kSend, "send(to " + address() + ") failed with error(32): Broken pipe"),
                   tries(1)}));
-    m_peer = Peer_::acceptedFrom(m_tcpListener);
+    m_peer = RawPeer_::acceptedFrom(m_tcpListener.descriptor());
     awaitWritable(socket().descriptor());
     EXPECT_TRUE(turn());
     EXPECT_EQ(m_peer.read(17), nameBlock("here") + block(2, "kept"));

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <stdexcept>
 
 #include "support/allocation_failure.h"
 #include "support/child_process.h"
@@ -56,12 +55,7 @@ protected:
 
     /// Whether the peer's message goes out; false when the stream is closed already.
     static bool couldWrite(RawPeer_& peer, const Bytes_& bytes) {
-        try {
-            peer.write(bytes);
-            return true;
-        } catch (const std::runtime_error&) {
-            return false;
-        }
+        return peer.writeSome(bytes) == bytes.size();
     }
 };
 
