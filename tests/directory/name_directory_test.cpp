@@ -138,7 +138,9 @@ TEST_F(NameDirectory, aMissingFileStillEmptiesTheNames) {
 
     EXPECT_FALSE(m_directory.open(m_folder.path("missing").c_str()));
 
-    EXPECT_EQ(m_records.take().size(), 1U);
+    EXPECT_EQ(m_records.take(), Records_{record(3, kOpen,
+                                                "NameDirectory_::open(): can't open directory file " +
+                                                    m_folder.path("missing") + ".")});
     EXPECT_EQ(addressesOf(m_directory, "router"), Texts_{});
     EXPECT_EQ(firstDefaultOf(m_directory), "local:///a/default");
 }

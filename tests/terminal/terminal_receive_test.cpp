@@ -118,7 +118,9 @@ TEST_F(TerminalReceive, aFailingPassFailsTheCall) {
 
     EXPECT_TRUE(fails());
 
-    EXPECT_EQ(m_records.take().size(), 1U);
+    EXPECT_EQ(m_records.take(), Records_{socketRecord(3, "bool VekSocket_::accept(SP_VekSocket_&)",
+                                                      "VekSocket_::accept() accept(" + local("anna") +
+                                                          ") failed with error(24): Too many open files")});
     EXPECT_EQ(numberIn(receive()), 1U);
 }
 
