@@ -35,6 +35,7 @@ use_directory() {
 
 # start NAME ARGUMENT...: runs a program in the background; its id is in `process`.
 start() {
+    : >"$scratch/$1.out"  # what an earlier run has written must not be taken for this one's
     "$programs/$1" "${@:2}" <&0 >"$scratch/$1.out" 2>"$scratch/$1.err" &
     process=$!
 }
