@@ -16,6 +16,7 @@ TAG_NAMES = {DESTINATION: "VEKMSGTAG_DESTINATION_NAME", SOURCE: "VEKMSGTAG_SOURC
 TYPE_NAMES = {STRING: "VEKMSG_STRING", UINT: "VEKMSG_UINT"}
 
 ITEM_HEADER = 6
+ELEMENT_HEADERS = 12
 BLOCK_HEADER = 4
 MOST_VALUE = 9400  # of a string with its NUL, of a binary, of a name with its NUL
 MOST_READ = 9396  # payload of a block
@@ -23,6 +24,7 @@ MOST_WRITTEN = 65280  # of a message
 MOST_NUMBER = 0xFFFFFFFF
 MOST_LENGTH = 0xFFFF
 WARNED_ABOVE = 9144  # a message that some readers refuse
+MOST_RECORD = 2047
 
 PING_REQUEST = b"VEK Pinger Request Format version 1.0"
 PING_REPLY = b"VEK Pinger Reply Format version 1.0"
@@ -44,7 +46,11 @@ class Refused(Exception):
 
 
 class Unwritable(Exception):
-    """A value that has no wire form."""
+    """A value that has no wire form. `record` is the library's, where a page's row gives one."""
+
+    def __init__(self, text):
+        super().__init__(text)
+        self.record = ("E", text)
 
 
 class Message(NamedTuple):
@@ -170,6 +176,7 @@ def decode_item(data):
 
 
 def printed(text):
+    """A text inside a record."""
     return text.decode("utf-8", "surrogateescape")
 
 
@@ -207,116 +214,151 @@ def decode_message(data):
         return None, [refused.record]
 
 
+class MessageBlock(NamedTuple):
+    at: int  # the bytes of the stream that have to come before it is read
+    message: Message | None
+    came_with: int  # bytes of header items
+    records: list
+
+
 class Reader:
-    """What a component makes of the bytes of one connection. `peer` is given to the one that opened it; the acceptor
-    learns it. `messages` are what was accepted, `is_refused` tells that the connection has to be closed."""
+    """What a component makes of the bytes of one connection, all that come before it ends. `peer` is given to the one
+    that opened it; the acceptor learns it. Afterwards `blocks` are the messages and `stream_records` all records but
+    theirs, with the bytes that have to come before them; `is_refused` tells that the connection has to be closed after
+    `end` bytes, `is_cut` that this is because the stream itself ended inside a block."""
 
     def __init__(self, own, peer=None):
         self.own = own
         self.peer = peer
-        self.messages = []
-        self.records = []
-        self.is_refused = False
+        self.blocks = []
+        self.stream_records = []
+        self.named_at = 0
+        self.end = 0
+        self.is_refused = self.is_cut = False
         self._data = b""
         self._position = 0
+        self._needed = 0
 
     def read(self, data):
-        """All that comes before the stream ends."""
         self._data = data
         if self.peer is None:
             self._read_name()
         while not self.is_refused and self._position < len(data):
             self._read_block()
+        self.end = self._needed if self.is_refused and not self.is_cut else len(data)
 
-    def _left(self):
-        return len(self._data) - self._position
+    def messages(self):
+        return [block.message for block in self.blocks if block.message is not None]
+
+    def records(self):
+        """In the order of the bytes that they are about."""
+        told = self.stream_records + [(block.at, record) for block in self.blocks for record in block.records]
+        return [record for _, record in sorted(told, key=lambda entry: entry[0])]
 
     def _record(self, severity, text):
-        self.records.append((severity, text))
+        self.stream_records.append((self._needed, (severity, text)))
 
     def _refuse(self, severity=None, text=None):
         if severity:
             self._record(severity, text)
         self.is_refused = True
 
-    def _header(self):
-        if self._left() < BLOCK_HEADER:
-            return self._refuse()
-        header = block_header.unpack_from(self._data, self._position)
-        self._position += BLOCK_HEADER
-        return header
-
     def _take(self, length):
-        if self._left() < length:
+        """The next bytes, or None when the stream ends before they are looked at."""
+        needed = max(self._needed, self._position + length)
+        if len(self._data) < needed:
+            self.is_cut = True
             return self._refuse()
+        self._needed = needed
         self._position += length
         return self._data[self._position - length:self._position]
 
+    def _header(self):
+        header = self._take(BLOCK_HEADER)
+        return (None, 0) if header is None else block_header.unpack(header)
+
     def _read_name(self):
-        header = self._header()
-        if header is None:
+        kind, length = self._header()
+        if kind is None:
             return
-        kind, length = header
         if kind != NAME_BLOCK:
             return self._refuse("W", f"{self.own} is expecting VEK_COMPONENT_NAME. Got {kind}, length {length}")
         if length > MOST_VALUE:
             return self._refuse("E", f"VekmsgConnection_::processPollEvents() of {self.own} is getting "
-                                f"VEK_COMPONENT_NAME length {length}")
+                                     f"VEK_COMPONENT_NAME length {length}")
         if length > MOST_READ:
             self._record("W", f"VekSocket_::receive() requested data size {length} is greater than free space "
-                         f"{MOST_READ}")
+                              f"{MOST_READ}")
             if self._take(MOST_READ) is not None:
                 self._refuse("E", f"VekmsgConnection_::extractEncodingPayload() data length {MOST_READ} is shorter "
-                             f"than the expected payload {length}")
+                                  f"than the expected payload {length}")
             return
         payload = self._take(length)
         if payload is None:
             return
+        self.named_at = self._position
         name = text_of(payload[:-1])
         if not name:
             return self._refuse("W", f"VekmsgTerminalImpl_::processPollEvents({self.own}) got a null peerName for an "
-                                "unresolved connection")
+                                     "unresolved connection")
         self.peer = printed(name)
-        if 0 < self._left() < length:
-            self._refuse()
-        elif self._left() and length < BLOCK_HEADER:
+        if self._position == len(self._data):
+            return
+        self._needed = self._position + length
+        if length < BLOCK_HEADER and self._needed <= len(self._data):
             self._refuse("E", f"VekmsgConnection_::extractEncodingHeader() data length {length} is too short for "
-                         "encoding header")
+                              "encoding header")
 
     def _read_block(self):
-        header = self._header()
-        if header is None:
+        kind, length = self._header()
+        if kind is None:
             return
-        kind, length = header
         if kind != MESSAGE_BLOCK:
             return self._skip(kind, length)
         if length > MOST_READ:
             return self._refuse("E", f"connection {self.own} to {self.peer} received BINARY_ENCODED_MESSAGE of "
-                                f"{length} (too long)")
+                                     f"{length} (too long)")
         payload = self._take(length)
         if payload is None:
             return
         message, records = decode_message(payload)
-        self.records += records
         if message is None:
-            self._record("W", f"{self.own} deserializer failed to handle data from {self.peer}")
-        else:
-            self.messages.append(message)
+            records.append(("W", f"{self.own} deserializer failed to handle data from {self.peer}"))
+        came_with = 0 if message is None else length - len(message.payload)
+        self.blocks.append(MessageBlock(self._needed, message, came_with, records))
 
     def _skip(self, kind, length):
         if length > MOST_READ:
             return self._refuse("E", f"Connection {self.own} to {self.peer} is expecing BINARY_ENCODED_MESSAGE but "
-                                f"got {kind} of length {length}. Failed")
+                                     f"got {kind} of length {length}. Failed")
         self._record("W", f"Connection {self.own} to {self.peer} expecting BINARY_ENCODED_MESSAGE but got {kind}, "
-                     f"length {length}. Skipping the block")
+                          f"length {length}. Skipping the block")
         if self._take(length) is not None:
             self._record("W", f"Connection {self.own} to {self.peer} dropped encoding block type {kind}")
 
 
 # Writing
 
+def settled(element, records):
+    """The element as it can be written, when an application asks for this one: text is cut, and what has no value is
+    UNDEFINED."""
+    tag, kind, value = element
+    if kind == COMPLEX and value:
+        return tag, kind, [settled(child, records) for child in value]
+    if kind == STRING and len(value) >= MOST_VALUE:
+        records.append(("W", f"VekmsgElementBinary_::setValue() string is longer than {MOST_VALUE}. Truncated"))
+        return tag, kind, value[:MOST_VALUE - 1]
+    if kind == BINARY and len(value) > MOST_VALUE:
+        records.append(("E", f"VekmsgElementBinary_::setValue() binary length {len(value)} is too large. {MOST_VALUE} max"))
+    elif kind in (UINT, STRING, BINARY):
+        return element
+    return tag, UNDEFINED, None
+
+
 def encode_element(element):
     tag, kind, value = element
+    if kind not in WRITERS:
+        raise Unwritable(f"VekmsgElementBinary_::serialize() invalid type {kind} for tag {tag}")
     written = WRITERS[kind](value)
     length = len(written)
     if length > MOST_LENGTH - ITEM_HEADER:
@@ -327,7 +369,16 @@ def encode_element(element):
 def write_complex(elements):
     if not elements:
         raise Unwritable("a complex value without elements")
-    return b"".join(map(encode_element, sorted(elements, key=tag_of)))
+    # From the last to the first: the last one that cannot be written is the one told.
+    return b"".join(list(map(encode_element, sorted(elements, key=tag_of)[::-1]))[::-1])
+
+
+def size_of(element):
+    """Of its wire form; without a value, of its headers."""
+    _, kind, value = element
+    if kind == COMPLEX:
+        return ELEMENT_HEADERS + sum(map(size_of, value))
+    return ELEMENT_HEADERS + (4 if kind == UINT else len(value) + 1 if kind == STRING else len(value) if value else 0)
 
 
 def write_number(number):
@@ -358,17 +409,55 @@ def encode_item(tag, kind, value):
     return item_header.pack(tag, kind, len(value)) + value
 
 
-def encode_message(message):
-    """The bytes; a message above WARNED_ABOVE is written with a warning."""
-    written = b"".join((
+def encode_header(message):
+    return b"".join((
         encode_item(DESTINATION, STRING, text_of(message.destination) + b"\0"),
         encode_item(SOURCE, STRING, text_of(message.source) + b"\0"),
         encode_item(TIME_TO_LIVE, UINT, write_number(message.time_to_live)),
-        encode_item(SCHEMA, STRING, text_of(message.schema) + b"\0"),
-        message.payload))
-    if len(written) > MOST_WRITTEN:
-        raise Unwritable(f"a message of {len(written)} bytes")
+        encode_item(SCHEMA, STRING, text_of(message.schema) + b"\0")))
+
+
+def names_of(message):
+    return f"({printed(message.source)} -> {printed(message.destination)})"
+
+
+def check_size(message, size, records):
+    if size > MOST_WRITTEN:
+        raise Unwritable(f"Message {names_of(message)} size {size} exceeds the encoding limit")
+    if size > WARNED_ABOVE:
+        records.append(("W", f"Message {names_of(message)} size {size} could be too large for the peer"))
+
+
+def encode_message(message, records=None):
+    """The bytes of a message whose payload is encoded."""
+    written = encode_header(message) + message.payload
+    check_size(message, len(written), [] if records is None else records)
     return written
+
+
+def write_message(message, element, records):
+    """The bytes of a message with this payload, or None when it cannot be sent."""
+    header = encode_header(message)
+    size = len(header) + size_of(element)
+    try:
+        check_size(message, size, records)
+        return header + encode_element(element)
+    except Unwritable as failure:
+        records.append(failure.record)
+    if size <= MOST_WRITTEN:
+        records.append(("E", f"Serialization of Message {names_of(message)} of {size} bytes failed. Free space "
+                             f"{max(size + 256, 1024)}"))
+    return None
+
+
+def rewrite_message(message, came_with, records):
+    """The bytes of a message that is passed on, whose header items took so many bytes when it came, or None."""
+    more = len(encode_header(message)) - came_with
+    if 0 < more <= BLOCK_HEADER:
+        records.append(("E", f"Not enough header space {BLOCK_HEADER - more} left to encode message {names_of(message)} in a "
+                             "block"))
+        return None
+    return encode_message(message, records if more > BLOCK_HEADER else None)
 
 
 def encode_block(kind, payload):

@@ -34,14 +34,14 @@ class WorkedExample(unittest.TestCase):
         self.assertEqual(wire.name_block(b"panel"), page_bytes("name-block"))
         reader = wire.Reader("sensor")
         reader.read(page_bytes("name-block"))
-        self.assertEqual((reader.peer, reader.records, reader.is_refused), ("panel", [], False))
+        self.assertEqual((reader.peer, reader.records(), reader.is_refused), ("panel", [], False))
 
     def test_message_block_is_written_and_read(self):
         self.assertEqual(wire.message_block(MESSAGE), page_bytes("message-block"))
         reader = wire.Reader("sensor")
         reader.read(page_bytes("name-block") + page_bytes("message-block"))
-        self.assertEqual((reader.messages, reader.records, reader.is_refused), ([MESSAGE], [], False))
-        self.assertEqual(wire.decode_payload(reader.messages[0].payload), (READING, []))
+        self.assertEqual((reader.messages(), reader.records(), reader.is_refused), ([MESSAGE], [], False))
+        self.assertEqual(wire.decode_payload(reader.messages()[0].payload), (READING, []))
 
     def test_ping_is_answered(self):
         request = Message(b"sensor", b"panel", 3, wire.PING_REQUEST, wire.encode_element((1, UINT, 7)))
@@ -155,7 +155,7 @@ class Blocks(unittest.TestCase):
     def check(self, data, messages, records, is_refused, peer=None):
         reader = wire.Reader("own", peer)
         reader.read(data)
-        self.assertEqual((reader.messages, reader.records, reader.is_refused), (messages, records, is_refused))
+        self.assertEqual((reader.messages(), reader.records(), reader.is_refused), (messages, records, is_refused))
 
     def test_first_block_has_to_be_a_name(self):
         self.check(element(2, 49), [], [("W", "own is expecting VEK_COMPONENT_NAME. Got 2, length 49")], True)
@@ -215,6 +215,42 @@ class Unwritten(unittest.TestCase):
         self.assertEqual(len(wire.encode_message(Message(b"abc", b"def", 3, b"", payload))), wire.MOST_WRITTEN)
         with self.assertRaises(wire.Unwritable):
             wire.encode_message(Message(b"abc", b"def", 3, b"", payload + b"x"))
+
+    def check(self, element, size, records):
+        message, told = Message(b"sensor", b"panel", 3, b"", b""), []
+        written = wire.write_message(message, wire.settled(element, told), told)
+        self.assertEqual((written and len(written), told), (size, records))
+
+    def test_large_messages_are_told(self):
+        def filled(size):
+            headers = 42 + 12 + 12 * 8
+            return 10, COMPLEX, [*[(1, BINARY, bytes(9000))] * 7, (1, BINARY, bytes(size - headers - 7 * 9000))]
+        large = "Message (panel -> sensor) size {} could be too large for the peer"
+        self.check((10, BINARY, bytes(9144 - 54)), 9144, [])
+        self.check((10, BINARY, bytes(9145 - 54)), 9145, [("W", large.format(9145))])
+        self.check(filled(65280), 65280, [("W", large.format(65280))])
+        self.check(filled(65281), None, [("E", "Message (panel -> sensor) size 65281 exceeds the encoding limit")])
+
+    def test_values_are_cut_or_refused(self):
+        not_sent = [("E", "VekmsgElementBinary_::serialize() invalid type 0 for tag 10"),
+                    ("E", "Serialization of Message (panel -> sensor) of 54 bytes failed. Free space 1024")]
+        self.check((10, STRING, b"x" * 9400), 42 + 9412,
+                   [("W", "VekmsgElementBinary_::setValue() string is longer than 9400. Truncated"),
+                    ("W", "Message (panel -> sensor) size 9454 could be too large for the peer")])
+        self.check((10, BINARY, bytes(9401)), None,
+                   [("E", "VekmsgElementBinary_::setValue() binary length 9401 is too large. 9400 max"), *not_sent])
+        self.check((10, COMPLEX, []), None, not_sent)
+
+    def test_last_element_without_a_value_is_told(self):
+        self.check((10, COMPLEX, [(2, 0, None), (1, 0, None)]), None,
+                   [("E", "VekmsgElementBinary_::serialize() invalid type 0 for tag 2"),
+                    ("E", "Serialization of Message (panel -> sensor) of 78 bytes failed. Free space 1024")])
+
+    def test_header_items_that_grow_are_told(self):
+        message, told = Message(b"sensor", b"panel", 3, b"", NUMBER), []
+        self.assertEqual(wire.rewrite_message(message, 42, told), wire.encode_message(message))
+        self.assertIsNone(wire.rewrite_message(message, 41, told))
+        self.assertEqual(told, [("E", "Not enough header space 3 left to encode message (panel -> sensor) in a block")])
 
     def test_long_names_are_cut(self):
         self.assertEqual(wire.name_block(b"x" * 9500), wire.encode_block(1, b"x" * 9399 + b"\0"))
