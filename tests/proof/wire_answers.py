@@ -1,7 +1,9 @@
 """What codec_pipe has to answer to a case when the library does what docs/wire-format.md says. The forms of cases and
-answers stand at the head of codec_pipe.cpp."""
+answers stand at the head of codec_pipe.cpp. An answer has no place for the bytes that reading a payload took: they are
+in the record about the bytes behind it, and show in the tree."""
 
 import struct
+from typing import NamedTuple
 
 import wire_codec as wire
 from wire_codec import BINARY, COMPLEX, STRING, UINT
@@ -17,6 +19,12 @@ number_node = struct.Struct(">IBI").pack
 
 def text(value):
     return number(len(value)) + value
+
+
+class Answer(NamedTuple):
+    bytes: bytes
+    is_accepted: bool
+    record_count: int
 
 
 def tree_parts(element, parts):
@@ -42,6 +50,10 @@ def tree(element):
 
 def fields(message):
     return text(message.destination) + text(message.source) + number(message.time_to_live) + text(message.schema)
+
+
+def answer(parts, listed, is_accepted):
+    return Answer(parts + records(listed), bool(is_accepted), len(listed))
 
 
 def records(listed):
@@ -87,8 +99,8 @@ def send(message, listed, element=None, came_with=None):
 
 def answer_element(encoded):
     listed = []
-    answer, _ = payload(encoded, listed)
-    return answer + records(listed), answer[1] == 1
+    rendered, element = payload(encoded, listed)
+    return answer(rendered, listed, element is not None)
 
 
 def take(message, listed, peer, came_with):
@@ -108,7 +120,8 @@ def take(message, listed, peer, came_with):
 def forward(message, listed, peer, came_with):
     own, destination, source = OWN.decode(), wire.printed(message.destination), wire.printed(message.source)
     if message.time_to_live == 0:
-        listed.append(("W", f"{own} can't route a message from {peer} because TTL = 0, dest {destination} src {source}"))
+        listed.append(("W", f"{own} can't route a message from {peer} because TTL = 0, dest {destination} src "
+                            f"{source}"))
         return []
     is_sent, blocks = send(message._replace(time_to_live=message.time_to_live - 1), listed, came_with=came_with)
     if not is_sent:
@@ -124,22 +137,22 @@ def answer_message(encoded):
     message, listed = wire.decode_message(encoded)
     if message is None:
         listed.append(("W", f"{OWN.decode()} deserializer failed to handle data from {PEERS[0].decode()}"))
-        return b"\0" + arrived([]) + records(listed), False
+        return answer(b"\0" + arrived([]), listed, False)
     came_with = len(encoded) - len(message.payload)
     is_given, blocks = take(message, listed, PEERS[0].decode(), came_with)
     if not is_given:
-        return b"\0" + arrived(blocks) + records(listed), True
+        return answer(b"\0" + arrived(blocks), listed, True)
     rendered, element = payload(message.payload, listed)
     is_sent, blocks = send(message._replace(destination=PEERS[1]), listed, element, came_with)
-    answer = b"\1" + fields(message) + text(message.payload) + rendered + bytes([is_sent])
-    return answer + arrived(blocks) + records(listed), True
+    parts = b"\1" + fields(message) + text(message.payload) + rendered + bytes([is_sent])
+    return answer(parts + arrived(blocks), listed, True)
 
 
 def answer_writing(message, element):
     listed = []
     element = wire.settled(element, listed)
     is_sent, blocks = send(message, listed, element)
-    return bytes([is_sent]) + arrived(blocks) + records(listed), is_sent
+    return answer(bytes([is_sent]) + arrived(blocks), listed, is_sent)
 
 
 def answer_stream(stream, piece):
@@ -169,8 +182,8 @@ def answer_stream(stream, piece):
     if reader.peer is not None and not is_closed:
         told.setdefault(last, []).append(("D", f"Deleting active connection between {OWN.decode()} and {reader.peer}"))
     listed = [record for _, group in sorted(told.items(), key=lambda entry: entry[0]) for record in group]
-    answer = number(len(messages)) + b"".join([fields(message) + text(message.payload) for message in messages])
-    return answer + bytes([is_closed]) + gathered(arrivals) + records(listed), not reader.is_refused
+    parts = number(len(messages)) + b"".join([fields(message) + text(message.payload) for message in messages])
+    return answer(parts + bytes([is_closed]) + gathered(arrivals), listed, not reader.is_refused)
 
 
 def gathered(blocks):
@@ -180,4 +193,4 @@ def gathered(blocks):
 
 
 def answer_name(name):
-    return text(wire.name_block(name)) + records([]), True
+    return answer(text(wire.name_block(name)), [], True)

@@ -73,7 +73,7 @@ class Cases:
         else:
             content = value + b"\0" if kind == STRING else value
         if self.random() >= oddness:
-            return wire.element_headers.pack(tag, 0, 6 + len(content) & 0xFFFF, 0, kind, len(content) & 0xFFFF) + content
+            return self.headers(tag, 0, 6 + len(content), 0, kind, len(content)) + content
         return self.odd_headers(tag, kind, self.odd_content(kind, content))
 
     def odd_content(self, kind, content):
@@ -84,7 +84,8 @@ class Cases:
         if kind == COMPLEX:
             return self.pick((b"", content + self.source.randbytes(1 + self.below(7))))
         if kind == STRING:
-            return self.pick((b"", content[:-1], content + content, content[:-1] + self.characters(9400)[len(content):]))
+            filled = content[:-1] + self.characters(9400)[len(content) - 1:]
+            return self.pick((b"", content[:-1], content + content, filled))
         return content + self.source.randbytes(self.pick((1, 9400, 9401 - len(content) % 9401)))
 
     def odd_headers(self, tag, kind, content):
@@ -101,8 +102,12 @@ class Cases:
             kind = self.pick((0, 1, 2, 3, 4, 5, 9, 0xFFFF))
         elif chance < 0.8:
             length = max(0, length + self.pick((-6, -1, 1, 6)))
-        return wire.element_headers.pack(tag, outer_type, 6 + len(content) + outer_more & 0xFFFF, content_tag, kind,
-                                         length & 0xFFFF) + content
+        return self.headers(tag, outer_type, 6 + len(content) + outer_more, content_tag, kind, length) + content
+
+    @staticmethod
+    def headers(*fields):
+        """Of an element; lengths that do not fit lose what is too much."""
+        return wire.element_headers.pack(*[field & 0xFFFF for field in fields])
 
     def damaged(self, data):
         for _ in range(self.pick((1, 1, 1, 2, 3))):
@@ -175,7 +180,7 @@ class Cases:
         elif chance < 0.6:
             value = self.source.randbytes(self.pick((9398, 9399, 9400, 9401)))
             value = value if self.random() < 0.5 else value.replace(b"\0", b"z")
-            data = wire.element_headers.pack(self.tag(), 0, 6 + len(value), 0, self.pick((STRING, BINARY)), len(value)) + value
+            data = self.headers(self.tag(), 0, 6 + len(value), 0, self.pick((STRING, BINARY)), len(value)) + value
         else:
             leaves = [self.leaf() for _ in range(self.below(1500))] or [self.leaf()]
             data = self.odd_element((self.tag(), COMPLEX, leaves), self.pick((0, 0, 0.001)))
@@ -238,7 +243,8 @@ class Cases:
             return self.tag(), BINARY, self.source.randbytes(self.pick((9400, 9401, 20000)))
         if chance < 0.8:
             return self.tag(), UNDEFINED, None
-        return self.tag(), COMPLEX, [*(element[2] if element[1] == COMPLEX else [element]), (self.tag(), UNDEFINED, None)]
+        children = element[2] if element[1] == COMPLEX else [element]
+        return self.tag(), COMPLEX, [*children, (self.tag(), UNDEFINED, None)]
 
     def written(self):
         destination, source, time_to_live, schema = self.message_fields()
@@ -315,5 +321,5 @@ class Cases:
         return self.characters(size)
 
 
-DAMAGES = (Cases.flip, Cases.flip, Cases.set_byte, Cases.truncate, Cases.truncate, Cases.extend, Cases.insert, Cases.cut_out,
-           Cases.splice, Cases.set_field, Cases.set_field, Cases.move_field, Cases.move_field)
+DAMAGES = (Cases.flip, Cases.flip, Cases.set_byte, Cases.truncate, Cases.truncate, Cases.extend, Cases.insert,
+           Cases.cut_out, Cases.splice, Cases.set_field, Cases.set_field, Cases.move_field, Cases.move_field)
