@@ -24,7 +24,7 @@ def text(value):
 class Answer(NamedTuple):
     bytes: bytes
     is_accepted: bool
-    record_count: int
+    records: list
 
 
 def tree_parts(element, parts):
@@ -53,7 +53,7 @@ def fields(message):
 
 
 def answer(parts, listed, is_accepted):
-    return Answer(parts + records(listed), bool(is_accepted), len(listed))
+    return Answer(parts + records(listed), bool(is_accepted), listed)
 
 
 def records(listed):
@@ -101,6 +101,11 @@ def answer_element(encoded):
     listed = []
     rendered, element = payload(encoded, listed)
     return answer(rendered, listed, element is not None)
+
+
+def answer_item(encoded):
+    """As answer_element(), but it is accepted when the item alone is whole."""
+    return answer_element(encoded)._replace(is_accepted=wire.decode_item(encoded)[0] is not None)
 
 
 def take(message, listed, peer, came_with):

@@ -151,11 +151,22 @@ class Cases:
         return data[:at] + field.to_bytes(2, "big") + data[at + 2:]
 
     def item(self):
-        """One item of which the length just fits, or just does not."""
-        left = self.below(8)
-        length = max(0, left + self.pick((-1, 0, 0, 1))) if self.random() < 0.8 else self.pick(LENGTHS)
-        data = wire.item_header.pack(self.tag(), self.below(6), length) + self.source.randbytes(left)
-        return data[:self.below(7)] if self.random() < 0.1 else data
+        """One item, or one in the other, of which the lengths just fit or just do not."""
+        if self.random() < 0.4:
+            data = self.item_around(self.tag(), self.source.randbytes(self.below(8)))
+        else:
+            content = self.item_around(self.pick((0, 0, 0, 0, 1)), self.source.randbytes(self.below(12)))
+            data = self.item_around(self.tag(), content)
+        return data[:self.below(14)] if self.random() < 0.1 else data
+
+    def item_around(self, tag, value):
+        chance = self.random()
+        length = len(value)
+        if chance < 0.2:
+            length = max(0, length + self.pick((-1, 1)))
+        elif chance < 0.25:
+            length = self.pick(LENGTHS)
+        return wire.item_header.pack(tag, self.below(6), length) + value
 
     def encoded(self):
         """The bytes of a payload."""

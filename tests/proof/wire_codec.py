@@ -455,8 +455,8 @@ def rewrite_message(message, came_with, records):
     """The bytes of a message that is passed on, whose header items took so many bytes when it came, or None."""
     more = len(encode_header(message)) - came_with
     if 0 < more <= BLOCK_HEADER:
-        records.append(("E", f"Not enough header space {BLOCK_HEADER - more} left to encode message {names_of(message)} "
-                             "in a block"))
+        records.append(("E", f"Not enough header space {BLOCK_HEADER - more} left to encode message "
+                             f"{names_of(message)} in a block"))
         return None
     return encode_message(message, records if more > BLOCK_HEADER else None)
 

@@ -1,7 +1,9 @@
 """Compares codec_pipe, and in it the library, with the second codec, in runs of cases that a seed and a number give."""
 
 import collections
+import pathlib
 import random
+import re
 import struct
 import subprocess
 import threading
@@ -10,6 +12,7 @@ from typing import NamedTuple
 import wire_answers
 import wire_cases
 
+PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs" / "wire-format.md"
 RUN = 1000
 ANSWER_LIMIT = 120  # seconds for a run; a pipe that takes longer hangs
 
@@ -54,11 +57,24 @@ class Outcome(NamedTuple):
     cases: collections.Counter
     accepted: collections.Counter
     records: int
+    seen: set  # the numbers of the page's records that occurred
     differences: list
+
+
+def page_records():
+    """The records that the page shows, as (severity, pattern), with anything for what depends on the case."""
+    shown = dict.fromkeys(re.findall(r"\b([EWD]) `([^`]+)`", PAGE.read_text()))
+    return [(severity, re.compile(re.sub(r"\b(own|peer|other|panel|sensor)\b", ".*", re.sub(r"\d+", r"\\d+",
+             re.escape(text))), re.DOTALL)) for severity, text in shown]
 
 
 def element_case(name, encoded):
     return Case(name, b"E", encoded, wire_answers.answer_element(encoded))
+
+
+def item_case(cases):
+    encoded = cases.item()
+    return Case("items", b"E", encoded, wire_answers.answer_item(encoded))
 
 
 def message_case(cases):
@@ -86,7 +102,7 @@ def name_case(cases):
 MAKERS = (
     (449, lambda cases: element_case("payloads", cases.encoded())),
     (1, lambda cases: element_case("large payloads", cases.large())),
-    (100, lambda cases: element_case("items", cases.item())),
+    (100, item_case),
     (250, message_case),
     (155, writing_case),
     (44, stream_case),
@@ -161,6 +177,8 @@ def fatal_case(program, run, cases):
 
 def compare(program, seed, runs):
     counted, accepted, records, differences = collections.Counter(), collections.Counter(), 0, []
+    unseen = dict(enumerate(page_records()))
+    seen = set()
     pipe = Pipe(program)
     made = []  # the next run, made while the pipe works on this one
     following = iter(runs[1:])
@@ -177,9 +195,14 @@ def compare(program, seed, runs):
         for index, (case, got) in enumerate(zip(cases, answers)):
             counted[case.name] += 1
             accepted[case.name] += case.wanted.is_accepted
-            records += case.wanted.record_count
+            records += len(case.wanted.records)
+            now = {number for number, (severity, pattern) in unseen.items()
+                   for record in case.wanted.records if record[0] == severity and pattern.fullmatch(record[1])}
+            for number in now:
+                seen.add(number)
+                del unseen[number]
             if got != case.wanted.bytes:
                 differences.append(Difference(run, index, case, got))
         cases = made[0] if made else []
     pipe.close()
-    return Outcome(counted, accepted, records, differences)
+    return Outcome(counted, accepted, records, seen, differences)
