@@ -175,7 +175,9 @@ private:
     void decodeElement(Input_& input, Output_& output);
     void receiveMessage(Input_& input, Output_& output);
     void sendMessage(Input_& input, Output_& output);
-    void readStream(Input_& input, Output_& output);
+    void acceptStream(Input_& input, Output_& output);
+    void openStream(Input_& input, Output_& output);
+    void readStream(Input_& input, Output_& output, RawPeer_ peer);
     void sendName(Input_& input, Output_& output);
 
     SP_VekMessage_ newMessage();
@@ -212,7 +214,10 @@ std::string CodecPipe_::answer(unsigned int kind, const std::string& body) {
             sendMessage(input, output);
             break;
         case 'S':
-            readStream(input, output);
+            acceptStream(input, output);
+            break;
+        case 'O':
+            openStream(input, output);
             break;
         case 'N':
             sendName(input, output);
@@ -321,13 +326,26 @@ bool CodecPipe_::isAlone() {
 
 /// S: piece:32 and all bytes of a new connection, which are written in pieces of that size. The answer is
 /// count:32 and as many fields with raw-payload:text, then is-closed:8 before the end of the stream is
-/// written.
-void CodecPipe_::readStream(Input_& input, Output_& output) {
+/// written, and arrived.
+void CodecPipe_::acceptStream(Input_& input, Output_& output) {
+    readStream(input, output, RawPeer_(m_address));
+}
+
+/// O: the same on a connection that the terminal opens by sending something. The answer begins with the name
+/// block and the message block as text.
+void CodecPipe_::openStream(Input_& input, Output_& output) {
+    if (!m_own.send("listener", "", 0)) throw std::runtime_error("nothing sent");
+    RawPeer_ peer = m_listener.accept();
+    const std::string nameBlock = peer.readBlock();
+    output.text(nameBlock + peer.readBlock());
+    readStream(input, output, std::move(peer));
+}
+
+void CodecPipe_::readStream(Input_& input, Output_& output, RawPeer_ peer) {
     const std::size_t piece = input.u32();
     const std::string stream = input.rest();
     Output_ received;
     unsigned int count = 0;
-    RawPeer_ peer(m_address);
     renderReceived(received, count);  // accepts it
     for (std::size_t at = 0; at < stream.size(); at += piece) {
         if (!peer.isQuiet()) break;  // refused already: it would not take more

@@ -8,7 +8,7 @@ from typing import NamedTuple
 import wire_codec as wire
 from wire_codec import BINARY, COMPLEX, STRING, UINT
 
-OWN = b"own"
+OWN, LISTENER = b"own", b"listener"
 PEERS = (b"peer", b"abc", b"a component", "caf\u00e9 \u2192 bar".encode(), b"n" * 250, b"long " * 300)
 SEVERITIES = {"E": 3, "W": 4, "D": 7}
 
@@ -160,9 +160,10 @@ def answer_writing(message, element):
     return answer(bytes([is_sent]) + arrived(blocks), listed, is_sent)
 
 
-def answer_stream(stream, piece):
-    """What becomes of a new connection that gets its bytes in pieces, each read before the next one comes."""
-    reader = wire.Reader(OWN.decode())
+def answer_stream(stream, piece, peer=None):
+    """What becomes of a new connection that gets its bytes in pieces, each read before the next one comes. `peer` is
+    who it was opened to, when it is not the peer who opens it."""
+    reader = wire.Reader(OWN.decode(), peer)
     reader.read(stream)
     told, messages, arrivals = {}, [], []
     for at, record in reader.stream_records:
@@ -189,6 +190,13 @@ def answer_stream(stream, piece):
     listed = [record for _, group in sorted(told.items(), key=lambda entry: entry[0]) for record in group]
     parts = number(len(messages)) + b"".join([fields(message) + text(message.payload) for message in messages])
     return answer(parts + bytes([is_closed]) + gathered(arrivals), listed, not reader.is_refused)
+
+
+def answer_opening(stream, piece):
+    number_message = wire.Message(LISTENER, OWN, 3, b"", wire.encode_element((1, UINT, 0)))
+    opening = wire.name_block(OWN) + wire.message_block(number_message)
+    answered = answer_stream(stream, piece, LISTENER.decode())
+    return answered._replace(bytes=text(opening) + answered.bytes)
 
 
 def gathered(blocks):

@@ -311,10 +311,18 @@ class Cases:
         return wire.encode_block(self.pick((2, kind)), self.source.randbytes(size))
 
     def stream(self):
-        data = self.name_block() + b"".join([self.stream_block() for _ in range(self.below(5))])
+        return self.in_pieces(self.without_rest_of_empty_name(self.blocks(self.name_block())))
+
+    def opened_stream(self):
+        return self.in_pieces(self.blocks(b""))
+
+    def blocks(self, data):
+        data += b"".join([self.stream_block() for _ in range(self.below(5))])
         if self.random() < 0.3:
             data = self.damaged(data)
-        data = self.without_rest_of_empty_name(data[:60000])
+        return data[:60000]
+
+    def in_pieces(self, data):
         piece = len(data) or 1
         if self.random() < 0.3:
             piece = max(1 + self.below(64), len(data) // 40)

@@ -93,6 +93,11 @@ def stream_case(cases):
     return Case("streams", b"S", wire_answers.number(piece) + stream, wire_answers.answer_stream(stream, piece))
 
 
+def opened_stream_case(cases):
+    piece, stream = cases.opened_stream()
+    return Case("opened streams", b"O", wire_answers.number(piece) + stream, wire_answers.answer_opening(stream, piece))
+
+
 def name_case(cases):
     name = cases.name()
     return Case("names", b"N", name, wire_answers.answer_name(name))
@@ -105,7 +110,8 @@ MAKERS = (
     (100, item_case),
     (250, message_case),
     (155, writing_case),
-    (44, stream_case),
+    (34, stream_case),
+    (10, opened_stream_case),
     (1, name_case),
 )
 WEIGHTS = [weight for weight, _ in MAKERS]
