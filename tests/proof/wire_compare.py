@@ -28,12 +28,12 @@ class Difference(NamedTuple):
     run: int
     index: int
     case: Case
-    got: bytes | None  # None when the pipe has ended or hangs
+    got: bytes | None  # None when there is no answer
 
     def sentence(self):
         place = f"{self.case.name} {self.index} of run {self.run}"
         if self.got is None:
-            return f"{place} ends the library's process or hangs it"
+            return f"{place} ends codec_pipe, or it gives no answer"
         return f"{place}: the answers differ from byte {self.first()} on"
 
     def first(self):
