@@ -1,4 +1,6 @@
-"""Compares codec_pipe, and in it the library, with the second codec, in runs of cases that a seed and a number give."""
+"""Compares codec_pipe, and in it the library, with the second codec, in runs of cases that a seed and a number give.
+
+wire_compare.py PROGRAM SEED RUN...   prints the differences in these runs with any build of codec_pipe"""
 
 import collections
 import pathlib
@@ -6,6 +8,7 @@ import random
 import re
 import struct
 import subprocess
+import sys
 import threading
 from typing import NamedTuple
 
@@ -212,3 +215,16 @@ def compare(program, seed, runs):
         cases = made[0] if made else []
     pipe.close()
     return Outcome(counted, accepted, records, seen, differences)
+
+
+def main():
+    program, seed, *runs = sys.argv[1:]
+    outcome = compare(program, seed, [int(run) for run in runs])
+    for difference in outcome.differences:
+        print(difference.listing())
+    print(f"{sum(outcome.cases.values())} cases, {len(outcome.differences)} differences")
+    sys.exit(1 if outcome.differences or not outcome.cases else 0)
+
+
+if __name__ == "__main__":
+    main()
