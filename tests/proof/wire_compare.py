@@ -65,10 +65,14 @@ class Outcome(NamedTuple):
 
 
 def page_records():
-    """The records that the page shows, as (severity, pattern), with anything for what depends on the case."""
+    """The records that the page shows, as (severity, text, pattern), with anything for what depends on the case."""
     shown = dict.fromkeys(re.findall(r"\b([EWD]) `([^`]+)`", PAGE.read_text()))
-    return [(severity, re.compile(re.sub(r"\b(own|peer|other|panel|sensor)\b", ".*", re.sub(r"\d+", r"\\d+",
-             re.escape(text))), re.DOTALL)) for severity, text in shown]
+    return [(severity, text, pattern_of(text)) for severity, text in shown]
+
+
+def pattern_of(text):
+    numbers = re.sub(r"\d+", r"\\d+", re.escape(text))
+    return re.compile(re.sub(r"\b(own|peer|other|panel|sensor)\b", ".*", numbers), re.DOTALL)
 
 
 def element_case(name, encoded):
@@ -205,7 +209,7 @@ def compare(program, seed, runs):
             counted[case.name] += 1
             accepted[case.name] += case.wanted.is_accepted
             records += len(case.wanted.records)
-            now = {number for number, (severity, pattern) in unseen.items()
+            now = {number for number, (severity, _, pattern) in unseen.items()
                    for record in case.wanted.records if record[0] == severity and pattern.fullmatch(record[1])}
             for number in now:
                 seen.add(number)

@@ -79,8 +79,8 @@ def report(builds, result, bits, seed, outcomes):
     figures += [("records of the page that occur", len(seen), len(shown)), ("differences", len(differences), None)]
     result.figures += [Figure(name, value, of, bits) for name, value, of in figures]
     if RUN not in os.environ:
-        result.findings += [f"no case makes a record like `{pattern.pattern}` ({bits} bit, seed {seed})"
-                            for number, (_, pattern) in enumerate(shown) if number not in seen]
+        result.findings += [f"no case makes a record like `{text}` ({bits} bit, seed {seed})"
+                            for number, (_, text, _) in enumerate(shown) if number not in seen]
     for difference in differences[:MOST_FINDINGS]:
         path = builds.folder / f"codec-{bits}-{seed}-{difference.run}-{difference.index}.txt"
         path.write_text(difference.listing())
