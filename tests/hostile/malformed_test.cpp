@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <ostream>
 #include <set>
@@ -9,11 +10,13 @@
 #include "support/buffer_bytes.h"
 #include "support/format_page.h"
 #include "support/record_lines.h"
+#include "support/utf8_text.h"
 #include "support/wire_bytes.h"
 
 namespace {
 
 constexpr char kFailed[] = "W own deserializer failed to handle data from peer";
+constexpr char kPing[] = "VEK Pinger Request Format version 1.0";
 
 /// What becomes of bytes that are not as they should be. For a payload, Refused means that there is none for
 /// the application.
@@ -218,6 +221,26 @@ std::vector<Case_> streams() {
          Outcome_::Skipped,
          {"E VekmsgTerminalImpl_::sendMessage() null destination",
           "W own failed to route a message from peer with dest , src panel, TTL 3"}},
+        {"headerItemsThatGrowWhenPassedOn",
+         message(item(1, wire::String, "peer") + item(2, wire::String, text("panel")) +
+                 item(3, wire::Uint, number) + item(4, wire::String, text("lost"))),
+         Outcome_::Skipped,
+         {"E Not enough header space 3 left to encode message (panel -> peer) in a block",
+          "W own failed to route a message from peer with dest peer, src panel, TTL 7"}},
+        {"aPingThatCannotBeAnswered",
+         message(wire::header("own", "panel", 3, kPing)),
+         Outcome_::Skipped,
+         {"W own failed to respond to ping from peer with dest own, src panel"}},
+        {"aPingWithoutASource",
+         message(wire::header("own", "", 3, kPing)),
+         Outcome_::Skipped,
+         {"E VekmsgTerminalImpl_::sendMessage() null destination",
+          "W own failed to respond to ping from peer with dest own, src "}},
+        {"aPingThatComesFromItsDestination",
+         message(wire::header("own", "own", 3, kPing)),
+         Outcome_::Skipped,
+         {"E Can't send a message to itself (own)",
+          "W own failed to respond to ping from peer with dest own, src own"}},
         {"noPayload", message(wire::header("own", "panel", 3, "first")), Outcome_::Accepted, {}},
         {"aPayloadThatIsNoElement",
          message(wire::header("own", "panel", 3, "first") + "junk"),
@@ -292,6 +315,14 @@ std::vector<Case_> payloads() {
          Outcome_::Refused,
          {"E VekmsgElementBinary_::deserialize() tag 10 of BINARY type has a length 9401 exceeding the "
           "limit"}},
+        {"noBytes",
+         "",
+         Outcome_::Refused,
+         {"E VekMessageBinary_::deserializeTtlvHeader() bytestreamLength 0 is too short"}},
+        {"aComplexValueOf5Bytes",
+         element(10, wire::Complex, "12345"),
+         Outcome_::Refused,
+         {"E VekMessageBinary_::deserializeTtlvHeader() bytestreamLength 5 is too short"}},
         {"aComplexValueOfNoBytes",
          element(10, wire::Complex, ""),
          Outcome_::Refused,
@@ -332,11 +363,92 @@ SP_VekMessageBinary_ messageWith(const std::string& payload) {
     return sp_message;
 }
 
+/// A message that an application wants to have written. Refused means that it is not.
+struct Writing_ {
+    const char* m_p_name;
+    std::function<SP_VekmsgElement_(const VekMessage_&)> m_payload;
+    Outcome_ m_outcome;
+    Lines_ m_records;
+};
+
+void PrintTo(const Writing_& writing, std::ostream* p_stream) {
+    *p_stream << writing.m_p_name;
+}
+
+std::string nameOfWriting(const testing::TestParamInfo<Writing_>& info) {
+    return info.param.m_p_name;
+}
+
+SP_VekmsgElement_ binaryElement(const VekMessage_& message, VekmsgTag_ tag, std::size_t size) {
+    const std::vector<unsigned char> bytes(size);
+    SP_VekmsgElement_ sp_element = message.createElement(tag);
+    sp_element->setValue(bytes.data(), static_cast<unsigned int>(size));
+    return sp_element;
+}
+
+SP_VekMessageBinary_ messageToWrite() {
+    SP_VekMessageBinary_ sp_message(new VekMessageBinary_);
+    sp_message->setDestination(utf8("sensor"));
+    sp_message->setSource(utf8("panel"));
+    return sp_message;
+}
+
+/// A payload with which the message takes `size` bytes.
+std::function<SP_VekmsgElement_(const VekMessage_&)> sized(std::size_t size) {
+    return [size](const VekMessage_& message) {
+        std::size_t left = size - wire::header("sensor", "panel", 3, "").size();
+        SP_VekmsgElement_ sp_element = message.createElement(10);
+        for (left -= 12; left > 9012 + 12; left -= 9012)
+            sp_element->addSubelements(binaryElement(message, 1, 9000));
+        sp_element->addSubelements(binaryElement(message, 1, left - 12));
+        return sp_element;
+    };
+}
+
+std::vector<Writing_> writings() {
+    const Lines_ hasNoValue = {
+        "E VekmsgElementBinary_::serialize() invalid type 0 for tag 10",
+        "E Serialization of Message (panel -> sensor) of 54 bytes failed. Free space 1024"};
+    return {
+        {"aStringOf9400Characters",
+         [](const VekMessage_& message) {
+             SP_VekmsgElement_ sp_element = message.createElement(10);
+             sp_element->setValue(utf8(std::string(9400, 'x')));
+             return sp_element;
+         },
+         Outcome_::Accepted,
+         {"W VekmsgElementBinary_::setValue() string is longer than 9400. Truncated",
+          "W Message (panel -> sensor) size 9454 could be too large for the peer"}},
+        {"aBinaryOf9401Bytes",
+         [](const VekMessage_& message) { return binaryElement(message, 10, 9401); },
+         Outcome_::Refused,
+         {"E VekmsgElementBinary_::setValue() binary length 9401 is too large. 9400 max", hasNoValue[0],
+          hasNoValue[1]}},
+        {"anElementWithoutAValue", [](const VekMessage_& message) { return message.createElement(10); },
+         Outcome_::Refused, hasNoValue},
+        {"aMessageOf9144Bytes", sized(9144), Outcome_::Accepted, {}},
+        {"aMessageOf9145Bytes",
+         sized(9145),
+         Outcome_::Accepted,
+         {"W Message (panel -> sensor) size 9145 could be too large for the peer"}},
+        {"aMessageOf65280Bytes",
+         sized(65280),
+         Outcome_::Accepted,
+         {"W Message (panel -> sensor) size 65280 could be too large for the peer"}},
+        {"aMessageOf65281Bytes",
+         sized(65281),
+         Outcome_::Refused,
+         {"E Message (panel -> sensor) size 65281 exceeds the encoding limit"}},
+    };
+}
+
+class UnusualWriting : public testing::TestWithParam<Writing_> {};
 class MalformedStream : public testing::TestWithParam<Case_> {};
 class MalformedPayload : public testing::TestWithParam<Case_> {};
 
 INSTANTIATE_TEST_SUITE_P(Forms, MalformedStream, testing::ValuesIn(streams()), nameOf);
 INSTANTIATE_TEST_SUITE_P(Forms, MalformedPayload, testing::ValuesIn(payloads()), nameOf);
+INSTANTIATE_TEST_SUITE_P(Forms, UnusualWriting, testing::ValuesIn(writings()), nameOfWriting);
 
 }  // namespace
 
@@ -370,11 +482,24 @@ TEST_P(MalformedPayload, hasTheOutcomeAndTheRecordsOfTheFormatPage) {
     EXPECT_EQ(takeLines(records), GetParam().m_records);
 }
 
+TEST_P(UnusualWriting, hasTheOutcomeAndTheRecordsOfTheFormatPage) {
+    RecordCapture_ records;
+    const SP_VekMessageBinary_ sp_message = messageToWrite();
+    sp_message->setPayload(GetParam().m_payload(*sp_message));
+    SP_BasicBuffer_ sp_buffer;
+
+    EXPECT_EQ(sp_message->serialize(sp_buffer) != 0, GetParam().m_outcome == Outcome_::Accepted);
+
+    EXPECT_EQ(takeLines(records), GetParam().m_records);
+}
+
 TEST(MalformedStreams, everyRecordOfTheFormatPageIsAmongTheseTests) {
     std::set<std::string> tested;
     for (const auto& cases : {streams(), payloads()})
         for (const Case_& malformed : cases)
             tested.insert(malformed.m_records.begin(), malformed.m_records.end());
+    for (const Writing_& writing : writings())
+        tested.insert(writing.m_records.begin(), writing.m_records.end());
     const FormatPage_ page(VEKMSG_FORMAT_PAGE);
 
     EXPECT_GE(page.records().size(), 30U);
