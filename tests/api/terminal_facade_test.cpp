@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <sstream>
+#include <utility>
 
 #include "api/component_folder.h"
 #include "message/message_binary.h"
@@ -716,6 +717,27 @@ TEST_F(TerminalFacadePolling, tooManyDescriptorsAreRefused) {
               (std::vector<std::string>{"VekmsgTerminalImpl_::pollFd() pollfd count 129 > 128"}));
     EXPECT_EQ(VekmsgTerminal_::pollFd(entries.data(), 128, 1, &m_alpha, m_p_end),
               VekmsgTerminal_::POLL_TIMEOUT);
+}
+
+namespace {
+
+/// pollFd with so many handles of the first terminal before that of the second.
+template <std::size_t... Index>
+int pollBehind(VekmsgTerminal_& first, VekmsgTerminal_& last, std::index_sequence<Index...>) {
+    return VekmsgTerminal_::pollFd(nullptr, 0, 10000, (static_cast<void>(Index), &first)..., &last,
+                                   static_cast<void*>(nullptr));
+}
+
+}  // namespace
+
+TEST_F(TerminalFacadePolling, anyNumberOfTerminalsMayBeGiven) {
+    ASSERT_TRUE(send(m_alpha, "beta", 1));
+    VekmsgTerminal_ closed;
+
+    EXPECT_EQ(pollBehind(closed, m_beta, std::make_index_sequence<300>()), VekmsgTerminal_::POLL_MESSAGE);
+
+    EXPECT_EQ(valueOf(await(m_beta)), 1U);
+    EXPECT_EQ(m_records.take(), Records_());
 }
 
 TEST_F(TerminalFacadePolling, withoutMemoryItFailsWithoutARecord) {

@@ -509,3 +509,19 @@ TEST_F(NameDirectory, whenMemoryRunsOutTheDirectoryCanBeOpenedAgain) {
     EXPECT_GT(number, 5U);
     EXPECT_LT(number, 100U);
 }
+
+TEST_F(NameDirectory, aNameFillsTheRestOfItsLine) {
+    const std::string longest(256 - 11, 'n');
+
+    EXPECT_TRUE(open("local://ab " + longest + "\nlocal://cd " + longest + "n\n"));
+
+    EXPECT_EQ(m_records.take(), Records_{tooLong(2, 257)});
+    EXPECT_EQ(addressesOf(m_directory, longest), Texts_{"local://ab"});
+}
+
+TEST_F(NameDirectory, linesAreCountedBeyond65535) {
+    EXPECT_TRUE(open(std::string(65535, '\n') + "x\ny\nlocal://ab router\n"));
+
+    EXPECT_EQ(m_records.take(), (Records_{invalidLine(65536, "x"), invalidLine(65537, "y")}));
+    EXPECT_EQ(addressesOf(m_directory, "router"), Texts_{"local://ab"});
+}

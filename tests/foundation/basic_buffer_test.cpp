@@ -331,3 +331,13 @@ TEST_F(BasicBuffer, aDerivedClassHasMemoryOfItsOwnSize) {
     std::memset(sp_wide->m_more, 0x5A, sizeof(sp_wide->m_more));
     EXPECT_EQ(sp_wide->capacity(), 10U);
 }
+
+TEST_F(BasicBuffer, countsAtTheEndsOfTheirRangeAreRefused) {
+    for (const int count : {INT_MAX, INT_MIN, INT_MIN + 1}) {
+        EXPECT_FALSE(m_buffer.extendDataIntoHeader(count));
+        EXPECT_FALSE(m_buffer.extendDataIntoTrailer(count));
+    }
+    EXPECT_FALSE(m_buffer.setDataArea(UINT_MAX, UINT_MAX));
+
+    EXPECT_EQ(area(m_buffer), (Area_{20, 30}));
+}

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstring>
+
 #include "foundation/shared_probe.h"
 
 TEST(BasicObject, theFirstOwnerIsAlsoTheLastWhenItLetsGo) {
@@ -63,4 +66,21 @@ TEST(BasicObject, assigningKeepsTheOwnersOfBoth) {
     EXPECT_EQ(destructions, 1);
     p_first->removeRef();
     EXPECT_EQ(destructions, 2);
+}
+
+// So many owners need more memory than there is; should the count ever pass its end, the object stays.
+TEST(BasicObject, aCountBeyond32BitsBeginsAgainAndLeavesTheObject) {
+    int destructions = 0;
+    BasicObject_* p_object = new SharedProbe_(destructions);
+    const std::uint32_t highest = 0xFFFFFFFFU;
+    std::memcpy(reinterpret_cast<unsigned char*>(p_object) + sizeof(void*), &highest, sizeof(highest));
+
+    p_object->addRef();
+    p_object->removeRef();
+    EXPECT_EQ(destructions, 0);
+
+    const std::uint32_t one = 1;
+    std::memcpy(reinterpret_cast<unsigned char*>(p_object) + sizeof(void*), &one, sizeof(one));
+    p_object->removeRef();
+    EXPECT_EQ(destructions, 1);
 }

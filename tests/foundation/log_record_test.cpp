@@ -188,6 +188,16 @@ TEST_F(LogRecord, anOverlongTextIsCut) {
     EXPECT_EQ(taken.m_text, "warning " + std::string(2047 - 8, 'x'));
 }
 
+TEST_F(LogRecord, aTextOf2047CharactersIsWhole) {
+    Taken_ taken;
+    vekmsg_log_set_sink(takeRecord, &taken);
+    for (const std::size_t length : {2046U, 2047U, 2048U}) {
+        writeWarning(std::string(length - 8, 'x').c_str());
+
+        EXPECT_EQ(taken.m_text, "warning " + std::string(std::min<std::size_t>(length, 2047) - 8, 'x'));
+    }
+}
+
 TEST_F(LogRecord, aRecordAsksForNoMemory) {
     unsigned int records = 0;
     vekmsg_log_set_sink(
@@ -279,6 +289,23 @@ TEST_F(LogRecord, theDefaultSinkCutsALineThatEscapingMadeTooLong) {
     EXPECT_EQ(line.size(), 4096U);
     EXPECT_EQ(line.find("vekmsg warning: warning \\x01\\x01"), 0U);
     EXPECT_EQ(line.back(), '\n');
+}
+
+TEST_F(LogRecord, theDefaultSinkWritesLinesOf4096BytesWhole) {
+    static std::string s_empty;  // the line of a record whose own text is empty
+    s_empty = standardErrorOf([] { writeWarning(""); });
+    const std::string lines = standardErrorOf([] {
+        for (const std::size_t size : {4095U, 4096U, 4097U}) {
+            const std::size_t rest = size - s_empty.size();  // a control byte takes four places
+            writeWarning((std::string(rest / 4, '\x01') + std::string(rest % 4, 'x')).c_str());
+        }
+    });
+
+    const std::string end = s_empty.substr(s_empty.find(" ["));
+    ASSERT_EQ(lines.size(), 4095U + 4096U + 4096U);
+    EXPECT_EQ(lines.substr(4095 - end.size(), end.size()), end);
+    EXPECT_EQ(lines.substr(4095 + 4096 - end.size(), end.size()), end);
+    EXPECT_EQ(lines.substr(4095 + 4096 + 4096 - (end.size() - 1)), end.substr(0, end.size() - 2) + '\n');
 }
 
 TEST_F(LogRecord, theDefaultSinkKeepsErrnoWhenStandardErrorIsClosed) {

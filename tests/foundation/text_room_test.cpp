@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "foundation/free_list.h"
 #include "support/allocation_failure.h"
@@ -144,4 +146,33 @@ TEST(TextRoom, textsMayGoAfterTheRoomsOfTheirThread) {
         useRoomFor(g_long);
     });
     EXPECT_EQ(liveAllocations(), before);
+}
+
+TEST(TextRoom, aTextOf512BytesLeavesItsRoomAndALongerOneDoesNot) {
+    for (const std::size_t length : {511U, 512U, 513U}) {
+        inFreshThread([length] {
+            Utf8String_ used;
+            used.reserve(length);
+            assign(used, std::string(length, 'u'));
+            ASSERT_EQ(used.capacity(), length);
+            keepRoomOf(used);
+            EXPECT_EQ(allocationsOfAssigning(g_longer), g_isOn && length <= 512 ? 0U : 1U) << length;
+        });
+    }
+}
+
+TEST(TextRoom, aThreadKeepsSixtyFourRooms) {
+    for (const unsigned int kept : {63U, 64U, 65U}) {
+        inFreshThread([kept] {
+            std::vector<Utf8String_> texts(kept);
+            for (Utf8String_& text : texts) assign(text, g_long);
+            for (Utf8String_& text : texts) keepRoomOf(text);
+            texts = std::vector<Utf8String_>(kept);
+            const unsigned long before = allocationCount();
+
+            for (Utf8String_& text : texts) assign(text, g_long);
+
+            EXPECT_EQ(allocationCount() - before, g_isOn ? kept - std::min(kept, 64U) : kept);
+        });
+    }
 }

@@ -130,3 +130,22 @@ TEST(TimeStamp, aCopyKeepsTheTime) {
 TEST(TimeStamp, itHasAVirtualDestructor) {
     EXPECT_TRUE(std::has_virtual_destructor<TimeStamp_>::value);
 }
+
+TEST(TimeStamp, itsAgeIsCountedIn32Bits) {
+    SystemCalls_ calls;
+    calls.stopClock(0, 0);
+    TimeStamp_ stamp;
+    ASSERT_TRUE(stamp.imprint());
+    unsigned int seconds = 77;
+    calls.stopClock(2147483647, 999999999);  // as far as a clock of 32 bits goes
+    EXPECT_TRUE(stamp.getAgeInSec(seconds));
+    EXPECT_EQ(seconds, 2147483647U);
+
+    if (sizeof(time_t) == 4) return;
+    calls.stopClock(4294967295U, 0);
+    EXPECT_TRUE(stamp.getAgeInSec(seconds));
+    EXPECT_EQ(seconds, 4294967295U);
+    calls.advanceClock(1);
+    EXPECT_TRUE(stamp.getAgeInSec(seconds));
+    EXPECT_EQ(seconds, 0U);
+}

@@ -217,12 +217,14 @@ TEST_F(VekmsgElementBinary, noBytesAreAValueToo) {
 }
 
 TEST_F(VekmsgElementBinary, bytesUpToTheLimitAreAccepted) {
-    const Bytes_ value(9400, 0xAB);
+    for (const unsigned int length : {9399U, 9400U}) {
+        const Bytes_ value(length, 0xAB);
 
-    EXPECT_TRUE(m_sp_element->setValue(value.data(), 9400));
+        EXPECT_TRUE(m_sp_element->setValue(value.data(), length));
 
-    EXPECT_EQ(binaryOf(*m_sp_element), value);
-    EXPECT_EQ(m_records.take(), Records_());
+        EXPECT_EQ(binaryOf(*m_sp_element), value);
+        EXPECT_EQ(m_records.take(), Records_());
+    }
 }
 
 TEST_F(VekmsgElementBinary, moreBytesAreRefusedAndLeaveNoValue) {
@@ -234,6 +236,17 @@ TEST_F(VekmsgElementBinary, moreBytesAreRefusedAndLeaveNoValue) {
     EXPECT_EQ(m_records.take(),
               Records_{error(kSetBinary,
                              "VekmsgElementBinary_::setValue() binary length 9401 is too large. 9400 max")});
+    expectNoValue();
+}
+
+TEST_F(VekmsgElementBinary, theGreatestLengthIsRefusedBeforeAnyByteIsRead) {
+    const unsigned char one = 1;
+
+    EXPECT_FALSE(m_sp_element->setValue(&one, 0xFFFFFFFFU));
+
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kSetBinary,
+                             "VekmsgElementBinary_::setValue() binary length -1 is too large. 9400 max")});
     expectNoValue();
 }
 

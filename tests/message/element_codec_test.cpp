@@ -527,3 +527,14 @@ TEST_F(ElementCodec, writingAsksForNoMemory) {
 
     EXPECT_EQ(allocationCount(), allocations);
 }
+
+TEST_F(ElementCodec, numbersOf32BitsTravel) {
+    for (const unsigned int number : {0U, 1U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFEU, 0xFFFFFFFFU}) {
+        const SP_VekmsgElementBinary_ sp_read = newElement(0);
+
+        EXPECT_EQ(deserialize(*sp_read, encoded(*newElement(5, number))), 16U);
+
+        EXPECT_EQ(uintOf(*sp_read), number);
+    }
+    EXPECT_EQ(m_records.take(), Records_());
+}

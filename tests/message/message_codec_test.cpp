@@ -103,13 +103,16 @@ TEST_F(MessageCodec, aMessageCanBeWrittenAgain) {
 }
 
 TEST_F(MessageCodec, aSmallMessageGetsABufferOf1024Bytes) {
-    fillTo(100);
+    for (const unsigned int size : {100U, 767U, 768U}) {
+        m_sp_buffer.reset();
+        fillTo(size);
 
-    EXPECT_EQ(serialize(), 100U);
+        EXPECT_EQ(serialize(), size);
 
-    EXPECT_EQ(m_sp_buffer->capacity(), 1024U);
-    EXPECT_EQ(m_sp_buffer->trailerRoom(), 0U);
-    EXPECT_EQ(m_sp_buffer->headerRoom(), 924U);
+        EXPECT_EQ(m_sp_buffer->capacity(), 1024U);
+        EXPECT_EQ(m_sp_buffer->trailerRoom(), 0U);
+        EXPECT_EQ(m_sp_buffer->headerRoom(), 1024 - size);
+    }
 }
 
 TEST_F(MessageCodec, aNewBufferLeaves256BytesInFrontOfTheMessage) {
@@ -617,4 +620,107 @@ TEST(MessageMemory, longNamesAreCopiedWithoutTheHeapOnceOthersHaveGone) {
         else
             EXPECT_GT(allocationCount(), before);
     });
+}
+
+TEST_F(MessageCodec, aTimeToLiveOf32BitsTravels) {
+    m_sp_message->setPayload(newElement(1, 1U));
+    for (const unsigned int timeToLive : {0U, 1U, 0xFFFFFFFFU}) {
+        m_sp_message->setTimeToLive(timeToLive);
+        m_sp_buffer.reset();
+        ASSERT_NE(serialize(), 0U);
+        const SP_VekMessageBinary_ sp_received(new VekMessageBinary_);
+
+        EXPECT_NE(sp_received->deserialize(m_sp_buffer), 0U);
+
+        EXPECT_EQ(sp_received->getTimeToLive(), timeToLive);
+    }
+    EXPECT_EQ(m_records.take(), Records_());
+}
+
+TEST_F(MessageCodec, aTreeHasAsManySubElementsAsTheMessageHasRoomFor) {
+    constexpr unsigned int kMost = (65280 - kEmpty - 12) / 12;
+    const SP_VekmsgElementBinary_ sp_root = newElement(0);
+    const SP_VekmsgElementBinary_ sp_child = newBinary(1, Bytes_());
+    for (unsigned int i = 0; i < kMost; ++i) sp_root->addSubelements(sp_child);
+    m_sp_message->setPayload(sp_root);
+    const unsigned int size = serialize();
+    EXPECT_EQ(size, kEmpty + 12 + 12 * kMost);
+    EXPECT_EQ(
+        m_records.take(),
+        Records_{warning(kSerializeBuffer, "Message (b -> a) size 65277 could be too large for the peer")});
+    const SP_VekMessageBinary_ sp_received(new VekMessageBinary_);
+    EXPECT_EQ(sp_received->deserialize(m_sp_buffer), size);
+    const SP_VekmsgElement_ sp_read = sp_received->getPayload();
+    ASSERT_FALSE(sp_read.isNull());
+    EXPECT_TRUE(sp_read->querySubelements(VEKMSGTAG_ANY));
+    unsigned int count = 0;
+    while (!sp_read->getNextSubelement().isNull()) ++count;
+    EXPECT_EQ(count, kMost);
+
+    sp_root->addSubelements(sp_child);
+    m_sp_buffer.reset();
+    EXPECT_EQ(serialize(), 0U);
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kSerializeBuffer, "Message (b -> a) size 65289 exceeds the encoding limit")});
+}
+
+TEST_F(MessageCodec, aSchemaMayFillTheMessage) {
+    constexpr unsigned int kMost = 65280 - kEmpty - 12;
+    m_sp_message->setPayload(newBinary(1, Bytes_()));
+    const std::string longest(kMost, 's');
+    m_sp_message->setPayloadSchema(text(longest), VekMessage_::SCHEMA_LITERAL);
+    EXPECT_EQ(serialize(), 65280U);
+    const SP_VekMessageBinary_ sp_received(new VekMessageBinary_);
+    EXPECT_EQ(sp_received->deserialize(m_sp_buffer), 65280U);
+    EXPECT_EQ(plain(sp_received->getPayloadSchema()), longest);
+    EXPECT_EQ(
+        m_records.take(),
+        Records_{warning(kSerializeBuffer, "Message (b -> a) size 65280 could be too large for the peer")});
+
+    m_sp_message->setPayloadSchema(text(longest + "s"), VekMessage_::SCHEMA_LITERAL);
+    m_sp_buffer.reset();
+    EXPECT_EQ(serialize(), 0U);
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kSerializeBuffer, "Message (b -> a) size 65281 exceeds the encoding limit")});
+}
+
+TEST_F(MessageCodec, namesMayFillTheMessage) {
+    constexpr unsigned int kMost =
+        65280 - kEmpty - 12 + 2;  // the names of the fixture have one character each
+    m_sp_message->setPayload(newBinary(1, Bytes_()));
+    const std::string source(kMost / 2, 's');
+    const std::string destination(kMost - source.size(), 'd');
+    m_sp_message->setSource(text(source));
+    m_sp_message->setDestination(text(destination));
+    EXPECT_EQ(serialize(), 65280U);
+    const SP_VekMessageBinary_ sp_received(new VekMessageBinary_);
+    EXPECT_EQ(sp_received->deserialize(m_sp_buffer), 65280U);
+    EXPECT_EQ(plain(sp_received->getSource()), source);
+    EXPECT_EQ(plain(sp_received->getDestination()), destination);
+
+    m_sp_message->setDestination(text(destination + "d"));
+    m_sp_buffer.reset();
+    EXPECT_EQ(serialize(), 0U);
+    const Records_ records = m_records.take();
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].m_severity, 4);
+    EXPECT_EQ(records[1].m_severity, 3);
+    EXPECT_EQ(records[1].m_text.size(), 2047U);  // the names alone are longer than a record
+}
+
+TEST_F(MessageCodec, aTreeDeeperThanAMessageIsRefusedAndGoesOnAUsualStack) {
+    constexpr unsigned int kLevels = 6000;
+    onUsualStack([&] {
+        SP_VekmsgElementBinary_ sp_element = newBinary(1, Bytes_());
+        for (unsigned int level = 1; level < kLevels; ++level) {
+            const SP_VekmsgElementBinary_ sp_parent = newElement(1);
+            sp_parent->addSubelements(sp_element);
+            sp_element = sp_parent;
+        }
+        m_sp_message->setPayload(sp_element);
+        EXPECT_EQ(serialize(), 0U);
+        m_sp_message->setPayload(SP_VekmsgElement_());
+    });
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kSerializeBuffer, "Message (b -> a) size 72033 exceeds the encoding limit")});
 }

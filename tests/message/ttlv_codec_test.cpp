@@ -237,3 +237,16 @@ TEST_F(TtlvCodec, validityNeedsAWholeHeader) {
     EXPECT_FALSE(VekMessageBinary_::isValidTtlv(nullptr, 6));
     EXPECT_EQ(m_records.take(), Records_());
 }
+
+TEST_F(TtlvCodec, tagsTypesAndLengthsTravelUpTo65535) {
+    for (const unsigned int number : {65534U, 65535U, 65536U, 65537U}) {
+        writeHeader(16, number, static_cast<VekmsgDataType_>(number), number);
+
+        EXPECT_EQ(readHeader(last(6)), 6U);
+
+        EXPECT_EQ(m_tag, number % 65536);
+        EXPECT_EQ(m_type, number % 65536);
+        EXPECT_EQ(m_length, number % 65536);
+    }
+    EXPECT_EQ(m_records.take(), Records_());
+}

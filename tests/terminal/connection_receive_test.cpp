@@ -2,6 +2,8 @@
 
 #include <poll.h>
 
+#include <algorithm>
+
 #include "support/allocation_failure.h"
 #include "terminal/connection.h"
 #include "terminal/connections.h"
@@ -790,6 +792,19 @@ TEST_F(Receiving, atMost256BlocksAreReadInOneTurn) {
     EXPECT_TRUE(turn());
     for (const std::string& each : takeReceived()) all.push_back(each);
     EXPECT_EQ(all, expected);
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(Receiving, aTurnReads256BlocksWhole) {
+    for (const std::size_t count : {255U, 256U, 257U}) {
+        openEstablished();
+
+        EXPECT_TRUE(deliver(numberedBlocks(static_cast<unsigned int>(count))));
+
+        EXPECT_EQ(takeReceived().size(), std::min<std::size_t>(count, 256));
+        EXPECT_TRUE(turn());
+        EXPECT_EQ(takeReceived().size(), count - std::min<std::size_t>(count, 256));
+    }
     EXPECT_EQ(m_records.take(), Records_{});
 }
 

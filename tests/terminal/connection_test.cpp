@@ -827,3 +827,16 @@ TEST_F(Connection, theOrderIsThatOfThePeersNames) {
     m_sp_connection->setPeerName(nameOf("a"));
     EXPECT_FALSE(m_sp_connection->isLess(nullptr));
 }
+
+TEST_F(Connection, anyNumberOfBlocksWaitsToBeSent) {
+    openOutgoing(Type_::INET_TCP);
+    EXPECT_TRUE(m_sp_connection->start());
+    m_calls.fail(SystemCalls_::Getpeername, ENOTCONN, 0, 1);
+    const SP_BasicBuffer_ sp_block = bufferOf(block(2, "x"));
+
+    for (unsigned int number = 0; number < 10000; ++number)
+        EXPECT_TRUE(m_sp_connection->sendEncodedMessage(sp_block));
+
+    EXPECT_EQ(m_sp_connection->m_sendQueue.size(), 10000U);
+    EXPECT_EQ(m_records.take(), Records_{});
+}

@@ -526,6 +526,9 @@ TEST_F(TerminalPoll, fillNeedsRoomForThreeWhateverThereIs) {
                                                               std::to_string(capacity) + " < 3 for anna")});
         EXPECT_EQ(count, capacity);
     }
+    EXPECT_EQ(fill(*anna, 3).size(), 1U);
+    EXPECT_TRUE(m_isFilled);
+    EXPECT_EQ(m_records.take(), Records_{});
 }
 
 TEST_F(TerminalPoll, fillDescribesListenersThenUnresolvedThenActiveConnections) {

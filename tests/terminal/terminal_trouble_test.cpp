@@ -1,6 +1,7 @@
 // A terminal whose connections end, meet or run out of memory at bad moments.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -287,4 +288,105 @@ TEST_F(TerminalTrouble, theSchemaOfAPingReplyIsALiteral) {
 
     EXPECT_EQ(schema, kPingReply);
     EXPECT_EQ(type, VekMessage_::SCHEMA_LITERAL);
+}
+
+namespace {
+
+/// A message from anna to bert that has so many bytes in all.
+SP_VekMessage_ messageOfSize(unsigned int size) {
+    const SP_VekMessage_ sp_message = messageTo("bert", 1);
+    sp_message->setSource(utf8("anna"));
+    const SP_VekmsgElement_ sp_root = sp_message->createElement(1);
+    sp_root->setValue(utf8(""), 0);
+    sp_message->setPayload(sp_root);
+    const unsigned int rest = size - SP_VekMessageBinary_(sp_message)->getMaxSerializationSize();
+    sp_root->setValue(utf8(std::string(rest, 'x')), rest);
+    return sp_message;
+}
+
+int nextDescriptor() {
+    const int descriptor = dup(0);
+    close(descriptor);
+    return descriptor;
+}
+
+/// From now on this process gets no descriptor from `first` on.
+bool limitDescriptors(int first) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(first);
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+}  // namespace
+
+TEST_F(TerminalTrouble, aMessageOf9396BytesArrivesAndALongerOneCostsItsStream) {
+    constexpr char kSerialize[] =
+        "bool VekMessageBinary_::serialize(unsigned int, libcpp::SP_BasicBuffer_&) const";
+    for (const unsigned int size : {9144U, 9145U, 9395U, 9396U, 9397U}) {
+        const Terminal_ bert = openLocal("bert");
+        const Terminal_ anna = openLocal("anna", {"bert"});
+
+        EXPECT_TRUE(anna->sendMessage(messageOfSize(size)));
+
+        Records_ sent;
+        if (size > 9144)
+            sent.emplace_back(
+                4, "vekmsg_binary.cpp", kSerialize,
+                "Message (anna -> bert) size " + std::to_string(size) + " could be too large for the peer");
+        EXPECT_EQ(m_records.take(), sent);
+        if (size <= 9396) {
+            const SP_VekMessage_ sp_message = receiveAt(*bert);
+            ASSERT_TRUE(sp_message);
+            EXPECT_EQ(SP_VekMessageBinary_(sp_message)->getMaxSerializationSize(), size);
+            EXPECT_EQ(m_records.take(), Records_{});
+        } else {
+            std::vector<std::string> texts;
+            EXPECT_TRUE(eventually([&] {
+                bert->pass();
+                texts = m_records.takeTexts();
+                return !texts.empty();
+            }));
+            EXPECT_EQ(texts.front(),
+                      "connection bert to anna received BINARY_ENCODED_MESSAGE of 9397 (too long)");
+            EXPECT_FALSE(bert->isConnected(utf8("anna")));
+        }
+        anna->close();
+        bert->close();
+        m_records.take();
+    }
+}
+
+// poll() asks for no low numbers, as other calls of its kind do.
+TEST_F(TerminalTrouble, descriptorsBeyond1023AreServed) {
+    ChildProcess_ child([this] {
+        if (!limitDescriptors(1200)) return 3;
+        while (dup(0) < 1100) {
+        }
+        const Terminal_ anna = openLocal("anna", {"bert"});
+        const Terminal_ bert = openLocal("bert");
+        if (anna->m_listeningSockets.front()->descriptor() < 1024) return 4;
+        const bool isSent = anna->sendMessage(messageTo("bert", 7));
+        return isSent && numberIn(receiveAt(*bert)) == 7 ? 0 : 1;
+    });
+
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(TerminalTrouble, withoutAFreeDescriptorAPassFailsUntilThereIsOne) {
+    ChildProcess_ child([this] {
+        const Terminal_ anna = openLocal("anna");
+        RawPeer_ bert(local("anna"));
+        bert.write(nameBlock("bert") + messageBlock("anna", "bert", 7));
+        const int next = nextDescriptor();
+        if (!limitDescriptors(next) || anna->pass()) return 1;
+        const Records_ expected = {socketRecord(
+            3, "bool VekSocket_::accept(SP_VekSocket_&)",
+            "VekSocket_::accept() accept(" + local("anna") + ") failed with error(24): Too many open files")};
+        if (!(m_records.take() == expected)) return 2;
+        if (!limitDescriptors(next + 1)) return 3;
+        return numberIn(receiveAt(*anna)) == 7 && m_records.take().empty() ? 0 : 4;
+    });
+
+    EXPECT_EQ(child.wait(), 0);
 }

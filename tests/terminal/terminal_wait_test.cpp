@@ -191,6 +191,23 @@ TEST_F(TerminalWait, aFailingPollFailsTheWait) {
                               "error(12) Cannot allocate memory")}));
 }
 
+TEST_F(TerminalWait, aTimeoutHas32Bits) {
+    const Terminal_ anna = openLocal("anna");
+    SystemCalls_ calls;
+    calls.fail(SystemCalls_::Poll, EINVAL, 0, 2);
+
+    EXPECT_EQ(anna->waitForMessage(0xFFFFFFFFU), VekmsgTerminal_::WAIT_ERROR);
+    EXPECT_EQ(pollFd(0xFFFFFFFFU, {}), VekmsgTerminal_::POLL_ERROR);
+
+    EXPECT_EQ(m_records.take(),
+              (Records_{error(kWait,
+                              "VekmsgTerminalImpl_::waitForMessage(4294967295) poll() for anna failed with "
+                              "error(22) Invalid argument"),
+                        error(kPollFd,
+                              "VekmsgTerminal_::pollFd(4294967295) poll() for multiple terminal failed with "
+                              "error(22) Invalid argument")}));
+}
+
 TEST_F(TerminalWait, aFailingPassFailsTheWait) {
     const Terminal_ anna = openLocal("anna");
     SystemCalls_ calls;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <limits>
 
 #include "support/allocation_failure.h"
 #include "transport/streams.h"
@@ -240,6 +241,15 @@ TEST(VekSocketAddress, aPortWrapsAndWhatFollowsItsDigitsIsIgnored) {
     EXPECT_EQ(records.take(), Records_{});
 }
 
+TEST(VekSocketAddress, aPortThatNoLongHoldsIsThatOfTheGreatestLong) {
+    const std::string greatest = std::to_string(std::numeric_limits<long>::max());
+
+    EXPECT_EQ(portOf(addressOf("inettcp://10.0.0.1:" + greatest)), 65535U);
+    EXPECT_EQ(portOf(addressOf("inettcp://10.0.0.1:" + greatest + "0")), 65535U);
+    // 2^32, which a long of 32 bits does not hold.
+    EXPECT_EQ(portOf(addressOf("inettcp://10.0.0.1:4294967296")), sizeof(long) == 4 ? 65535U : 0U);
+}
+
 TEST(VekSocketAddress, aLongPathIsCutTo107Characters) {
     const std::string path = "/" + std::string(199, 'p');
     RecordCapture_ records;
@@ -255,6 +265,7 @@ TEST(VekSocketAddress, aLongPathIsCutTo107Characters) {
 TEST(VekSocketAddress, aPathOf107CharactersStaysWhole) {
     const std::string path(107, 'p');
 
+    EXPECT_EQ(addressOf("local://" + path.substr(1)).path(), path.substr(1));
     EXPECT_EQ(addressOf("local://" + path).path(), path);
     EXPECT_EQ(addressOf("local://" + path + "q").path(), path);
 }

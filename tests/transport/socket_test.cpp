@@ -480,3 +480,22 @@ TEST_F(VekSocket, thereMustBeAnEntryToFill) {
               Records_{socketRecord(3, kFillPollFd, "VekSocket_::fillPollFd() null p_pollFd")});
     EXPECT_EQ(p_next, nullptr);
 }
+
+TEST_F(VekSocket, aSocketFileHasAPathOf107CharactersAtMost) {
+    const std::string start = m_folder.path("");
+    const std::string longest = start + std::string(107 - start.size(), 'p');
+    for (const std::string& path : {longest.substr(0, 106), longest, longest + "q"}) {
+        VekSocket_ listener;
+        EXPECT_TRUE(listener.initialize(addressOf("local://" + path)));
+        EXPECT_TRUE(listener.listen(1));
+        VekSocket_ client;
+        EXPECT_TRUE(client.initialize(wildcardOf(Type_::LOCAL)));
+
+        EXPECT_TRUE(client.connect(addressOf("local://" + path)));
+
+        EXPECT_TRUE(exists(path.substr(0, 107)));
+        EXPECT_FALSE(path.size() > 107 && exists(path));
+    }
+    EXPECT_FALSE(exists(longest));
+    EXPECT_EQ(m_records.take(), Records_{});
+}
