@@ -37,15 +37,36 @@ std::string TemporaryFolder_::writeFile(const std::string& name,
     return file;
 }
 
-std::string freeTcpAddress() {
+namespace {
+
+// Below the ports that the system gives to outgoing streams: one of those could take a port that a test has
+// been promised and does not use yet, or connect to itself on it. Tests that run side by side have other
+// process ids and so begin at other ports.
+constexpr unsigned int kFirstPort = 10000;
+constexpr unsigned int kPorts = 10000;
+constexpr unsigned int kPortsOfProcess = 50;
+
+bool isFree(unsigned int port) {
     const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
     struct sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    if (descriptor < 0 || bind(descriptor, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-        throw std::runtime_error("no free TCP port");
-    close(descriptor);
-    return "inettcp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    const bool isBound =
+        descriptor >= 0 && bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    if (descriptor >= 0) close(descriptor);
+    return isBound;
+}
+
+}  // namespace
+
+std::string freeTcpAddress() {
+    static unsigned int s_taken = 0;
+    const unsigned int start =
+        static_cast<unsigned int>(getpid()) % (kPorts / kPortsOfProcess) * kPortsOfProcess;
+    for (unsigned int tried = 0; tried < kPorts; ++tried) {
+        const unsigned int port = kFirstPort + (start + s_taken++) % kPorts;
+        if (isFree(port)) return "inettcp://127.0.0.1:" + std::to_string(port);
+    }
+    throw std::runtime_error("no free TCP port");
 }
