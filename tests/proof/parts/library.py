@@ -1,7 +1,7 @@
 """The finished shared library: how it is linked, what it exports, and that its host process is left alone.
 
-Each check is a test of tests/packaging, which looks into the delivered file or uses it as an application does: linked to
-it, or loading it while it runs. They are carried out here on the release build of each architecture.
+Each check is a test of tests/packaging, which looks into the delivered file or uses it as an application does: linked
+to it, or loading it while it runs. They are carried out here on the release build of each architecture.
 """
 
 import re
@@ -26,7 +26,7 @@ CHECKS = {
     "SharedLibrary.everyExportedNameBearsTheVersionNode": "each exported name has the version of the interface",
     "SharedLibrary.itsNameCarriesTheMajorVersion": "the name to load it by carries the major version",
     "SharedLibrary.needsTheStandardLibraryAlone": "it needs the standard library and nothing else",
-    "SharedLibrary.everyNameThatItTakesComesFromTheStandardLibrary": "every name that it takes is the standard library's",
+    "SharedLibrary.everyNameThatItTakesComesFromTheStandardLibrary": "every name it takes is the standard library's",
     "HostProcess.keepsItsSignals": "dispositions, masks and the alternate stack of signals stay",
     "HostProcess.keepsItsTimers": "interval timers stay",
     "HostProcess.keepsItsFileMaskAndIdentity": "the file mode mask, identities and capabilities stay",
