@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 
+#include "support/record_notes.h"
 #include "vekmsg/log.h"
 
 namespace {
@@ -18,7 +19,9 @@ std::string comparable(std::string signature) {
 }
 
 void append(void* context, int severity, const LogSite* site, const char* text) {
-    static_cast<Records_*>(context)->emplace_back(severity, site->p_sourceName, site->p_signature, text);
+    auto& records = *static_cast<Records_*>(context);
+    records.emplace_back(severity, site->p_sourceName, site->p_signature, text);
+    records.back().m_p_site = site;
 }
 
 }  // namespace
@@ -28,8 +31,12 @@ Record_::Record_(int severity, const std::string& source, const std::string& sig
     : m_severity(severity), m_source(source), m_signature(comparable(signature)), m_text(text) {}
 
 bool Record_::operator==(const Record_& other) const {
-    return m_severity == other.m_severity && m_source == other.m_source && m_signature == other.m_signature &&
-           m_text == other.m_text;
+    const bool isEqual = m_severity == other.m_severity && m_source == other.m_source &&
+                         m_signature == other.m_signature && m_text == other.m_text;
+    // One that was taken and one that a test states: of two that were taken neither says what must be.
+    if (isEqual && (m_p_site == nullptr) != (other.m_p_site == nullptr))
+        noteAsserted(m_p_site != nullptr ? *this : other);
+    return isEqual;
 }
 
 std::ostream& operator<<(std::ostream& stream, const Record_& record) {
@@ -43,6 +50,7 @@ RecordCapture_::RecordCapture_() {
 }
 
 RecordCapture_::~RecordCapture_() {
+    take();
     vekmsg_log_set_sink(nullptr, nullptr);
     vekmsg_log_set_threshold(4);
 }
@@ -50,6 +58,7 @@ RecordCapture_::~RecordCapture_() {
 Records_ RecordCapture_::take() {
     Records_ taken;
     taken.swap(m_records);
+    for (const Record_& record : taken) noteSeen(record);
     return taken;
 }
 

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "vekmsg/log.h"
+
 /// One log record as a test states it. Compilers spell signatures differently, so blanks and "libcpp::" in
 /// them do not count.
 struct Record_ {
@@ -16,6 +18,7 @@ struct Record_ {
     std::string m_source;     // "vek_socket.cpp"
     std::string m_signature;  // without blanks: "boolVekSocket_::listen(unsignedint)"
     std::string m_text;
+    const LogSite* m_p_site = nullptr;  // of a record that was taken; does not count
 };
 
 using Records_ = std::vector<Record_>;
