@@ -35,6 +35,10 @@ using SP_TestConnection_ = SmartPointer_<TestConnection_>;
 /// A terminal whose inside a test can look at and arrange.
 class TestTerminal_ : public VekmsgTerminalImpl_ {
 public:
+    using VekmsgTerminalImpl_::AddressNames_;
+    using VekmsgTerminalImpl_::Connecting_;
+    using VekmsgTerminalImpl_::Decoded_;
+    using VekmsgTerminalImpl_::FirstBlock_;
     using VekmsgTerminalImpl_::KeptBlocks_;
     using VekmsgTerminalImpl_::m_activeConnections;
     using VekmsgTerminalImpl_::m_defaultTransportAddress;
@@ -45,6 +49,8 @@ public:
     using VekmsgTerminalImpl_::m_sp_receiveFilter;
     using VekmsgTerminalImpl_::m_sp_sendFilter;
     using VekmsgTerminalImpl_::m_unresolvedConnections;
+    using VekmsgTerminalImpl_::receiveMessage;
+    using VekmsgTerminalImpl_::sendMessage;
 
     /// The active connection with that peer in whatever state, or null.
     SP_VekmsgConnection_ active(const std::string& peerName) const;

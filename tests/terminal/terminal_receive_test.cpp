@@ -16,6 +16,33 @@ constexpr char kReadHeader[] =
     "static unsigned int VekMessageBinary_::deserializeTtlvHeader(const unsigned char*, unsigned int, "
     "VekmsgTag_&, VekmsgDataType_&, unsigned int&)";
 
+/// Does something when it goes.
+class LeavingMessage_ : public ForeignMessage_ {
+public:
+    explicit LeavingMessage_(const std::function<void()>& act) : ForeignMessage_("anna"), m_act(act) {}
+    ~LeavingMessage_() override { m_act(); }
+
+private:
+    std::function<void()> m_act;
+};
+
+/// A buffer that loses its last byte when it gets its next owner.
+class LosingBuffer_ : public BasicBuffer_ {
+public:
+    explicit LosingBuffer_(const Bytes_& bytes) : BasicBuffer_(static_cast<unsigned int>(bytes.size())) {
+        setDataArea(0, capacity());
+        bytes.copy(reinterpret_cast<char*>(data()), bytes.size());
+    }
+    void addRef() override {
+        BasicBuffer_::addRef();
+        if (!m_loses) return;
+        m_loses = false;
+        setDataArea(dataOffset(), dataLength() - 1);
+    }
+
+    bool m_loses = false;
+};
+
 /// Anna, with raw peers that have named themselves.
 class TerminalReceive : public Installation_ {
 protected:
@@ -410,7 +437,11 @@ TEST_F(TerminalReceive, whatFollowsADamagedBlockInItsBufferIsDropped) {
 
     EXPECT_TRUE(givesNothing());
 
-    EXPECT_EQ(m_records.takeTexts().back(), "anna deserializer failed to handle data from bert");
+    EXPECT_EQ(
+        m_records.take(),
+        (Records_{messageRecord(3, kReadHeader,
+                                "VekMessageBinary_::deserializeTtlvHeader() bytestreamLength 0 is too short"),
+                  warning(kFirstBlock, "anna deserializer failed to handle data from bert")}));
     EXPECT_TRUE(givesNothing());
 }
 
@@ -753,4 +784,39 @@ TEST_F(TerminalReceive, damagedKeptBlocksCarryTheNameOfTheirPeer) {
     EXPECT_EQ(m_records.take(),
               Records_{warning(kFirstBlock,
                                "VekmsgTerminalImpl_::receiveMessage(anna) invalid data length 3 from bert")});
+}
+
+// A message of the terminal's own making is always one that it can read into. The message in whose place it
+// comes can put another one there.
+TEST_F(TerminalReceive, blocksAreReadIntoMessagesOfTheLibrarysClassAlone) {
+    SP_BasicBuffer_ sp_block = bufferOf(toAnna(1));
+    SP_BasicBuffer_ sp_rest;
+    SP_VekMessage_ sp_message;
+    sp_message = SP_VekMessage_(
+        new LeavingMessage_([&] { sp_message = SP_VekMessage_(new ForeignMessage_("anna")); }));
+
+    EXPECT_EQ(
+        m_anna->receiveMessage(TestTerminal_::FirstBlock_(), sp_block, sp_rest, name("bert"), sp_message),
+        TestTerminal_::Decoded_::Failed);
+
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kFirstBlock, "VekmsgTerminalImpl_::receiveMessage() invalid sp_impMessage")});
+}
+
+TEST_F(TerminalReceive, aMessageThatLeavesPartOfItsBlockUnreadIsTakenAllTheSame) {
+    auto* p_block = new LosingBuffer_(toAnna(1));
+    SP_BasicBuffer_ sp_block(p_block);
+    p_block->m_loses = true;
+    SP_BasicBuffer_ sp_rest;
+    SP_VekMessage_ sp_message;
+
+    EXPECT_EQ(
+        m_anna->receiveMessage(TestTerminal_::FirstBlock_(), sp_block, sp_rest, name("bert"), sp_message),
+        TestTerminal_::Decoded_::Message);
+
+    const std::size_t length = toAnna(1).size() - 4;
+    EXPECT_EQ(text(sp_message->getDestination()), "anna");
+    EXPECT_EQ(m_records.take(),
+              Records_{warning(kFirstBlock, "anna message deserializer used " + std::to_string(length - 1) +
+                                                " out of " + std::to_string(length) + " data from bert")});
 }

@@ -39,6 +39,7 @@ public:
             const Entry_& entry = m_entries[i];
             records.emplace_back(entry.m_severity, entry.m_p_site->p_sourceName, entry.m_p_site->p_signature,
                                  entry.m_text);
+            records.back().m_p_site = entry.m_p_site;
         }
         return records;
     }
@@ -61,6 +62,17 @@ private:
 
     Entry_ m_entries[4];
     unsigned int m_count = 0;
+};
+
+/// Holds the text of an address and does something when the last owner lets go of it.
+class LastAct_ : public SP_StdString_::Pointee {
+public:
+    LastAct_(const std::string& text, const std::function<void()>& act)
+        : SP_StdString_::Pointee(new std::string(text)), m_act(act) {}
+    ~LastAct_() override { m_act(); }
+
+private:
+    std::function<void()> m_act;
 };
 
 const Record_ kUseNext = debug(kSendConnecting,
@@ -570,4 +582,49 @@ TEST_F(TerminalSend, aSecondConnectionWithTheSamePeerIsNotInserted) {
     RawPeer_ dropped = listener.accept();
     EXPECT_EQ(dropped.readBlock(), nameBlock("anna"));
     EXPECT_TRUE(dropped.isAtEnd());
+}
+
+// The choice of an address never hands over a wildcard; one becomes a wildcard behind its back here.
+TEST_F(TerminalSend, withoutAnAddressAndADefaultOneThereIsNoRoute) {
+    const Terminal_ anna = openLocal("anna", {"bert"});
+    VekSocketAddress_ address;
+    const auto forget = [&] { address.initializeAsWildcard(VekSocketAddress_::UNKNOWN); };
+    TestTerminal_::AddressNames_ names{SP_StdString_::adopt(new LastAct_(local("bert"), forget))};
+    SP_VekSocket_ sp_socket;
+
+    EXPECT_TRUE(anna->sendMessage(TestTerminal_::Connecting_(), *name("bert"), names, address, sp_socket));
+
+    EXPECT_TRUE(sp_socket.isNull());
+    EXPECT_EQ(m_records.take(), Records_{error(kSendConnecting, "No route to bert at anna")});
+}
+
+TEST_F(TerminalSend, afterADestinationWithoutARouteTheNextAddressIsTried) {
+    const Terminal_ anna = openLocal("anna", {"bert"});
+    RawListener_ listener(local("bert"));
+    VekSocketAddress_ address;
+    const auto forget = [&] { address.initializeAsWildcard(VekSocketAddress_::UNKNOWN); };
+    TestTerminal_::AddressNames_ names{SP_StdString_::adopt(new LastAct_(local("other"), forget)),
+                                       SP_StdString_(new std::string(local("bert")))};
+    SP_VekSocket_ sp_socket;
+
+    EXPECT_TRUE(anna->sendMessage(TestTerminal_::Connecting_(), *name("bert"), names, address, sp_socket));
+
+    ASSERT_FALSE(sp_socket.isNull());
+    EXPECT_TRUE(sp_socket->isConnected());
+    EXPECT_EQ(m_records.take(), Records_{error(kSendConnecting, "No route to bert at anna")});
+}
+
+TEST_F(TerminalSend, insteadOfAnAddressTheDefaultOneServes) {
+    const Terminal_ anna = openLocal("anna", {"bert"});
+    RawListener_ listener(local("relay"));
+    ASSERT_TRUE(anna->m_defaultTransportAddress.setRealName(local("relay").c_str()));
+    VekSocketAddress_ address;
+    const auto forget = [&] { address.initializeAsWildcard(VekSocketAddress_::UNKNOWN); };
+    TestTerminal_::AddressNames_ names{SP_StdString_::adopt(new LastAct_(local("bert"), forget))};
+    SP_VekSocket_ sp_socket;
+
+    EXPECT_TRUE(anna->sendMessage(TestTerminal_::Connecting_(), *name("bert"), names, address, sp_socket));
+
+    EXPECT_EQ(address.realName(), local("relay"));
+    EXPECT_EQ(m_records.take(), Records_{});
 }
