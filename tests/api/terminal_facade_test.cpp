@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "api/component_folder.h"
+#include "api/public_records.h"
 #include "message/message_binary.h"
 #include "support/allocation_failure.h"
 #include "support/child_process.h"
@@ -17,14 +18,6 @@ namespace {
 
 constexpr char kSource[] = "vekmsg.cpp";
 constexpr VekmsgTag_ kTag = 7;
-
-#ifdef __clang__
-#define TEXT "Utf8String_"
-#else
-#define TEXT "std::__cxx11::basic_string<unsigned char, Utf8CharTraits_>"
-#endif
-constexpr char kReceiveRawPayload[] = "virtual bool VekmsgTerminal_::receiveRawPayload(SmartPointer_<" TEXT
-                                      ">&, SmartPointer_<" TEXT ">&, SmartPointer_<BasicBuffer_>&)";
 
 Record_ notOpenYet(const std::string& signature, const std::string& operation) {
     return Record_(3, kSource, signature, "VekmsgTerminal_::" + operation + "() not open yet");
@@ -167,8 +160,9 @@ TEST_F(TerminalFacade, aTerminalThatWasClosedRefusesAgain) {
 
     EXPECT_FALSE(m_alpha.isConnected(utf8("beta")));
 
-    EXPECT_EQ(m_records.takeTexts(),
-              (std::vector<std::string>{"VekmsgTerminal_::isConnected() not open yet"}));
+    EXPECT_EQ(m_records.take(),
+              (Records_{notOpenYet("virtual bool VekmsgTerminal_::isConnected(const unsigned char*) const",
+                                   "isConnected")}));
 }
 
 TEST_F(TerminalFacade, closeBeforeOpenAndTwiceIsHarmless) {
@@ -206,9 +200,7 @@ TEST_F(TerminalFacade, openListensAndSaysSo) {
     EXPECT_TRUE(m_alpha.open(utf8("alpha"), m_folder.directory()));
 
     EXPECT_TRUE(m_folder.hasSocketFile("alpha"));
-    EXPECT_EQ(m_records.takeTexts(),
-              (std::vector<std::string>{"No default transport address will be used",
-                                        "alpha is listening on " + m_folder.address("alpha")}));
+    EXPECT_EQ(m_records.take(), (Records_{kNoDefaultAddress, listening(m_folder.address("alpha"))}));
 }
 
 TEST_F(TerminalFacade, openOnAnOpenTerminalRunsTheSameImplementationAgain) {
@@ -239,8 +231,7 @@ TEST_F(TerminalFacade, openOnAnOpenTerminalFindsItsTcpAddressTaken) {
 
 TEST_F(TerminalFacade, aFailedOpenKeepsItsImplementationUntilClose) {
     EXPECT_FALSE(m_alpha.open(utf8(""), m_folder.directory()));
-    EXPECT_EQ(m_records.takeTexts(),
-              (std::vector<std::string>{"VekmsgTerminalImpl_::open() null component name string"}));
+    EXPECT_EQ(m_records.take(), Records_{kEmptyName});
 
     EXPECT_NE(VekmsgTerminal_::getImplementation(&m_alpha), nullptr);
     SP_VekMessage_ sp_message;
@@ -486,8 +477,9 @@ TEST_F(TerminalFacade, sendRawPayloadNeedsADestinationAndASchema) {
 
 TEST_F(TerminalFacade, closedTerminalsRefuseToSendARawPayload) {
     EXPECT_FALSE(m_alpha.sendRawPayload(utf8("beta"), utf8("schema"), encodedUint()));
-    EXPECT_EQ(m_records.takeTexts(),
-              (std::vector<std::string>{"VekmsgTerminal_::createMessage() not open yet"}));
+    EXPECT_EQ(m_records.take(),
+              (Records_{notOpenYet("virtual bool VekmsgTerminal_::createMessage(SmartPointer_<VekMessage_>&)",
+                                   "createMessage")}));
 }
 
 /// Keeps the last message instead of sending it.
@@ -610,8 +602,10 @@ TEST_F(TerminalFacade, closedTerminalsRefuseToReceiveARawPayload) {
     EXPECT_FALSE(m_alpha.receiveRawPayload(sp_source, sp_schema, sp_payload));
 
     EXPECT_EQ(sp_payload.get(), sp_old.get());
-    EXPECT_EQ(m_records.takeTexts(),
-              (std::vector<std::string>{"VekmsgTerminal_::receiveMessage() not open yet"}));
+    EXPECT_EQ(
+        m_records.take(),
+        (Records_{notOpenYet("virtual bool VekmsgTerminal_::receiveMessage(SmartPointer_<VekMessage_>&)",
+                             "receiveMessage")}));
 }
 
 TEST_F(TerminalFacade, receiveRawPayloadWithoutMemoryForEitherTextFails) {
@@ -717,8 +711,7 @@ TEST_F(TerminalFacadePolling, tooManyDescriptorsAreRefused) {
     EXPECT_EQ(VekmsgTerminal_::pollFd(entries.data(), 129, 1, &m_alpha, m_p_end),
               VekmsgTerminal_::POLL_ERROR);
 
-    EXPECT_EQ(m_records.takeTexts(),
-              (std::vector<std::string>{"VekmsgTerminalImpl_::pollFd() pollfd count 129 > 128"}));
+    EXPECT_EQ(m_records.take(), Records_{kTooManyEntries});
     EXPECT_EQ(VekmsgTerminal_::pollFd(entries.data(), 128, 1, &m_alpha, m_p_end),
               VekmsgTerminal_::POLL_TIMEOUT);
 }

@@ -10,12 +10,16 @@
 
 #ifdef __clang__
 #define STAGE "VekmsgTerminalImpl_::"
+#define CONNECTION_STAGE "VekmsgConnection_::"
+#define TEXT "Utf8String_"
 #define ADDRESS_NAMES "VekmsgTerminalImpl_::AddressNames_&"
 #define UNRESOLVED_PLACE "Connections_::iterator"
 #define ACTIVE_PLACE "ActiveConnections_::iterator"
 #else
 #define SP_CONNECTION "libcpp::SmartPointer_<VekmsgConnection_>"
 #define STAGE ""
+#define CONNECTION_STAGE ""
+#define TEXT "std::__cxx11::basic_string<unsigned char, Utf8CharTraits_>"
 #define ADDRESS_NAMES "AddressNames_&"
 #define UNRESOLVED_PLACE \
     "std::__cxx11::list<" SP_CONNECTION ", libcpp::FreeListAllocator_<" SP_CONNECTION ">>::iterator"
@@ -62,6 +66,11 @@ constexpr char kWait[] = "VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::
 constexpr char kPollFd[] =
     "static VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd*, unsigned int, unsigned "
     "int, VekmsgTerminalImpl_* (*)(void*), char*)";
+
+constexpr char kPrinter[] =
+    "bool VekmsgTerminalImpl_::CreateMessagePrinter(std::ostream*, const char*, SP_VekmsgFilter_&) const";
+constexpr char kReceiveRawPayload[] = "virtual bool VekmsgTerminal_::receiveRawPayload(SmartPointer_<" TEXT
+                                      ">&, SmartPointer_<" TEXT ">&, SmartPointer_<BasicBuffer_>&)";
 
 constexpr char kConnectionStart[] = "bool VekmsgConnection_::start()";
 constexpr char kReconnect[] = "bool VekmsgConnection_::reconnectFailedSocket()";

@@ -16,6 +16,8 @@ NAME = "records"
 PROVES = "each record that the library can write is provoked and stated to the letter, and no other is written"
 
 LIST = TOP / "tests" / "proof" / "records.txt"
+EXPORTS = TOP / "tests" / "packaging" / "exports.txt"
+INTERFACES = ("attribute.h", "element.h", "filter.h", "message.h")  # implemented inside, so that they are not exported
 MOST_LEFT = 5  # places that nothing can reach
 CUT = 2047  # a longer text is cut
 CONVERSIONS = {"%s": "(?:.*)", "%d": "(?:-?[0-9]+)", "%u": "(?:[0-9]+)"}
@@ -179,6 +181,36 @@ def check_records(rows, reasons, count, notes, bits, result):
                        Figure("different records that tests stated", len(asserted), bits=bits)]
 
 
+def exported_entries():
+    """The functions that the library exports, without their parameters; tables and type information are none."""
+    for line in EXPORTS.read_text().splitlines():
+        if line and not re.match(r"#|\?|typeinfo|vtable", line):
+            yield line.split("(")[0]
+
+
+def virtual_entries():
+    """The pure operations of the public interfaces, as "Class_::operation(types) const"."""
+    for name in INTERFACES:
+        text = (TOP / "include" / "vekmsg" / name).read_text()
+        owner = re.search(r"class VEKMSG_API (\w+)", text)[1]
+        for operation, parameters, end in re.findall(r"virtual [^;]*?(\w+)\(([^)]*)\)( const)? = 0;", text):
+            types = [re.sub(r"(?<=[ *&])\w+$", "", parameter) for parameter in parameters.split(",")]  # without names
+            yield f"{owner}::{operation}({','.join(types)}){end}"
+
+
+def check_calls(notes, bits, result):
+    """Each public entry has its records stated in at least one way of calling it."""
+    ways = collections.Counter("".join(entry.split()) for entry, _ in notes[2])
+    entries = {"".join(entry.split()): entry for entry in (*exported_entries(), *virtual_entries())}
+    stated = [entry for entry in entries if ways[entry]]
+    result.findings += [f"no test states the records of {entries[entry]} ({bits} bit)"
+                        for entry in entries if not ways[entry]]
+    result.findings += [f"a test states the records of {entry}, which is no public entry ({bits} bit)"
+                        for entry in sorted(ways) if entry not in entries]
+    result.figures += [Figure("public entries with their records stated", len(stated), len(entries), bits),
+                       Figure("ways of calling them", sum(ways.values()), bits=bits)]
+
+
 def run(builds):
     result = Result()
     rows, reasons = read_list()
@@ -187,4 +219,5 @@ def run(builds):
         notes, findings = run_tests(builds, bits)
         result.findings += findings
         check_records(rows, reasons, count, notes, bits, result)
+        check_calls(notes, bits, result)
     return result
