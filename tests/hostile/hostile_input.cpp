@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "support/allocation_failure.h"
+#include "support/record_notes.h"
 #include "support/wire_bytes.h"
 #include "vekmsg/log.h"
 
@@ -138,7 +139,9 @@ void* runThread(void* p_argument) {
     return nullptr;
 }
 
-void forget(void*, int, const LogSite*, const char*) {}
+void forget(void*, int severity, const LogSite* p_site, const char* p_text) {
+    noteSeen(severity, p_site, p_text);
+}
 
 }  // namespace
 

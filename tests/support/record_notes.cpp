@@ -70,9 +70,14 @@ public:
         append('\t');
         for (; *p_text != '\0'; ++p_text) {
             const auto byte = static_cast<unsigned char>(*p_text);
-            char escaped[8];
-            std::snprintf(escaped, sizeof(escaped), byte < 0x20 || byte == '\\' ? "\\x%02x" : "%c", byte);
-            append(escaped);
+            if (byte >= 0x20 && byte != '\\') {
+                append(*p_text);
+                continue;
+            }
+            static const char s_digits[] = "0123456789abcdef";
+            append("\\x");
+            append(s_digits[byte >> 4]);
+            append(s_digits[byte & 15]);
         }
     }
     void appendField(unsigned long number) {
@@ -152,6 +157,13 @@ void note(const char* p_kind, const Record_& record) {
 
 void noteSeen(const Record_& record) {
     note("seen", record);
+}
+
+void noteSeen(int severity, const LogSite* p_site, const char* p_text) {
+    if (folder() == nullptr) return;
+    Record_ record(severity, p_site->p_sourceName, p_site->p_signature, p_text);
+    record.m_p_site = p_site;
+    noteSeen(record);
 }
 
 void noteAsserted(const Record_& record) {

@@ -50,6 +50,12 @@ class Note:
     ordinal: int
     text: str
 
+    def __str__(self):
+        return f"{self.severity} {self.source}:{self.line} {self.signature} {self.text!r}"
+
+    def is_cut(self):
+        return len(self.text) >= CUT
+
     def function(self):
         return self.severity, self.source, self.signature
 
@@ -80,7 +86,7 @@ def read_list():
 def read_notes(folder):
     seen, asserted, calls = set(), set(), set()
     for path in folder.iterdir():
-        for line in path.read_text("latin-1").splitlines():
+        for line in path.read_bytes().decode("latin-1").rstrip("\n").split("\n"):
             kind, *fields = [re.sub(r"\\x([0-9a-f]{2})", lambda found: chr(int(found[1], 16)), field)
                              for field in line.split("\t")]
             if kind == "call":
@@ -98,10 +104,17 @@ def pattern(text):
     return re.compile("".join(CONVERSIONS.get(piece) or re.escape(piece) for piece in pieces), re.DOTALL)
 
 
+@functools.lru_cache(maxsize=None)
+def cut_pattern(text):
+    """What a text that is cut somewhere looks like."""
+    rest = ""
+    for piece in reversed(re.findall("%[sdu]|.", text, re.DOTALL)):
+        rest = f"{CONVERSIONS.get(piece) or re.escape(piece)}(?:{rest})?"
+    return re.compile(rest, re.DOTALL)
+
+
 def matches(text, note):
-    if len(note.text) < CUT:
-        return pattern(text).fullmatch(note.text) is not None
-    return note.text.startswith(text.split("%")[0])
+    return (cut_pattern if note.is_cut() else pattern)(text).fullmatch(note.text) is not None
 
 
 def check_list(rows, library, bits, result):
@@ -149,15 +162,18 @@ def check_records(rows, reasons, count, notes, bits, result):
     for row in rows:
         by_function[row.function()].add(row)
 
-    unknown = [note for note in seen | asserted
-               if sum(matches(row.text, note) for row in by_function[note.function()]) != 1]
+    def is_unknown(note):
+        count = sum(matches(row.text, note) for row in by_function[note.function()])
+        return count == 0 if note.is_cut() else count != 1  # the start of a text may be that of several
+
+    unknown = [note for note in seen | asserted if is_unknown(note)]
     for note in sorted(unknown, key=str)[:20]:
-        result.findings.append(f"the list does not tell what wrote {note} ({bits} bit)")
+        result.findings.append(f"the list does not hold {str(note)[:300]} ({bits} bit)")
 
     places = collections.defaultdict(set)
     for note in asserted:
         for row in by_function[note.function()]:
-            if matches(row.text, note):
+            if not note.is_cut() and matches(row.text, note):
                 places[row].add(note.place())
     provoked = 0
     for row, wanted in collections.Counter(rows).items():
