@@ -148,7 +148,7 @@ def run_tests(builds, bits):
     done = builds.run(["ctest", "--preset", preset, "--parallel", str(builds.jobs), "--no-tests=error"],
                       limit=1800, capture=True, environment={"VEKMSG_RECORDS_FOLDER": str(folder)})
     (builds.folder / f"records-{bits}.log").write_text(done.stdout + done.stderr)
-    failed = re.findall(r"^\s*\d+ - (\S+) \((\w[\w ]*)\)", done.stdout, re.MULTILINE)
+    failed = re.findall(r"^\s*\d+ - (.*\S) \((\w[\w ]*)\)$", done.stdout, re.MULTILINE)
     findings = [f"the test {name} fails: {how} ({bits} bit)" for name, how in failed]
     if done.returncode != 0 and not failed:
         findings.append(f"the tests end with {done.returncode} ({bits} bit)")
