@@ -79,6 +79,17 @@ std::vector<ElfSymbol_> ElfFile_::dynamicSymbols() const {
     return symbols;
 }
 
+std::vector<ElfFunction_> ElfFile_::functions() const {
+    const auto* p_section = findSection(SHT_SYMTAB);
+    if (p_section == nullptr) throw std::runtime_error("no symbol table");
+    std::vector<ElfFunction_> functions;
+    for (const auto& entry : table<ElfW(Sym)>(*p_section)) {
+        if (ELF32_ST_TYPE(entry.st_info) == STT_FUNC && entry.st_shndx != SHN_UNDEF)
+            functions.push_back({text(linkOf(*p_section), entry.st_name), entry.st_value, entry.st_size});
+    }
+    return functions;
+}
+
 void ElfFile_::nameVersions(std::vector<ElfSymbol_>& symbols, const std::vector<ElfW(Half)>& indices) const {
     const auto name = [&](unsigned int index, const std::string& version, const std::string& library) {
         for (std::size_t i = 0; i < symbols.size(); ++i) {

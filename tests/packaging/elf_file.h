@@ -25,6 +25,13 @@ struct ElfSection_ {
     bool m_isWritable;
 };
 
+/// One function of a library, local ones included.
+struct ElfFunction_ {
+    std::string m_name;  // mangled
+    ElfW(Addr) m_address;
+    std::size_t m_size;
+};
+
 /// Reads what a shared library of this program's own word size says of itself. Throws when the file is none.
 class ElfFile_ {
 public:
@@ -32,6 +39,9 @@ public:
 
     std::vector<ElfSection_> sections() const;
     std::vector<ElfSymbol_> dynamicSymbols() const;
+
+    /// From the full symbol table, which a stripped library lacks.
+    std::vector<ElfFunction_> functions() const;
 
     /// The values of all dynamic entries with this tag; for DT_NEEDED and its like see `dynamicTexts`.
     std::vector<ElfW(Xword)> dynamicValues(long tag) const;

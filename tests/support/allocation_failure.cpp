@@ -15,28 +15,42 @@ struct Plan_ {
 };
 
 thread_local Plan_ t_plan{0, 0, false, false};
+thread_local AllocationJudge_* t_p_judge = nullptr;
+thread_local bool t_isInsideNew = false;
 thread_local unsigned long t_releases = 0;
 std::atomic<long> g_live{0};
 
-bool mustFail() noexcept {
+struct InsideNew_ {
+    InsideNew_() { t_isInsideNew = true; }
+    ~InsideNew_() { t_isInsideNew = false; }
+};
+
+bool mustFail(AllocationKind_ kind) noexcept {
     Plan_& plan = t_plan;
     ++plan.m_count;
+    if (t_p_judge != nullptr && t_p_judge->mustFail(kind)) return true;
     if (plan.m_failing == 0) return false;
     const bool fails = plan.m_failsAllAfter ? plan.m_count >= plan.m_failing : plan.m_count == plan.m_failing;
     plan.m_hasStruck = plan.m_hasStruck || fails;
     return fails;
 }
 
-void* allocate(std::size_t size) noexcept {
-    void* p_memory = mustFail() ? nullptr : std::malloc(size != 0 ? size : 1);
+void* allocate(std::size_t size, AllocationKind_ kind) noexcept {
+    void* p_memory = mustFail(kind) ? nullptr : std::malloc(size != 0 ? size : 1);
     if (p_memory != nullptr) ++g_live;
     return p_memory;
 }
 
 void* allocateOrThrow(std::size_t size) {
-    void* p_memory = allocate(size);
+    const InsideNew_ inside;
+    void* p_memory = allocate(size, AllocationKind_::Throwing);
     if (p_memory == nullptr) throw std::bad_alloc();
     return p_memory;
+}
+
+void* allocateOrGiveNull(std::size_t size) noexcept {
+    const InsideNew_ inside;
+    return allocate(size, AllocationKind_::NonThrowing);
 }
 
 void release(void* p_memory) noexcept {
@@ -55,10 +69,10 @@ void* operator new[](std::size_t size) {
     return allocateOrThrow(size);
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
+    return allocateOrGiveNull(size);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
+    return allocateOrGiveNull(size);
 }
 void operator delete(void* p_memory) noexcept {
     release(p_memory);
@@ -87,6 +101,14 @@ AllocationFailure_::AllocationFailure_(unsigned int number, bool andAllAfter) {
 
 AllocationFailure_::~AllocationFailure_() {
     t_plan.m_failing = 0;
+}
+
+void setAllocationJudge(AllocationJudge_* p_judge) {
+    t_p_judge = p_judge;
+}
+
+bool isInsideNew() {
+    return t_isInsideNew;
 }
 
 bool AllocationFailure_::hasStruck() const {

@@ -19,6 +19,26 @@ public:
     bool hasStruck() const;
 };
 
+/// What asks for memory: a `new` that throws, one that gives null, or a function of C.
+enum class AllocationKind_ { Throwing, NonThrowing, C };
+
+/// Decides itself which allocations of a thread fail.
+class AllocationJudge_ {
+public:
+    /// Asked for each allocation before it is made. It must not allocate.
+    virtual bool mustFail(AllocationKind_ kind) noexcept = 0;
+
+protected:
+    ~AllocationJudge_() = default;
+};
+
+/// From now on `p_judge` is asked for each allocation of this thread; null: none.
+void setAllocationJudge(AllocationJudge_* p_judge);
+
+/// Whether this thread is inside `operator new`, which calls malloc, and allocates what it throws. For
+/// programs that replace malloc too.
+bool isInsideNew();
+
 /// Allocations of this thread since its start.
 unsigned long allocationCount();
 
