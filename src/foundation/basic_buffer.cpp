@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "foundation/byte_dump.h"
+#include "foundation/exception_barrier.h"
 #include "foundation/free_list.h"
 
 namespace libcpp {
@@ -82,11 +83,14 @@ bool BasicBuffer_::print(std::ostream* p_stream, unsigned int length, unsigned i
                          unsigned int perLine, const char* p_prefix) const {
     if (p_stream == nullptr || length > m_dataLength) return false;
     static const unsigned char s_nothing = 0;
-    if (!printBytestream(*p_stream, m_capacity != 0 ? data() : &s_nothing, length, group, perLine, p_prefix,
-                         nullptr))
-        return false;
-    p_stream->put('\n');
-    return true;
+    try {
+        if (!printBytestream(*p_stream, m_capacity != 0 ? data() : &s_nothing, length, group, perLine,
+                             p_prefix, nullptr))
+            return false;
+        p_stream->put('\n');
+        return true;
+    }
+    VEKMSG_RETURN_ON_EXCEPTION(false)
 }
 
 }  // namespace libcpp

@@ -232,6 +232,20 @@ TEST_F(BasicBuffer, printOfNothingIsAnEmptyLine) {
     EXPECT_EQ(stream.str(), "\n\n");
 }
 
+TEST_F(BasicBuffer, printWithoutMemoryForALineFails) {
+    fill(m_buffer, "abcdefghijklmnopqr");
+    std::ostringstream stream;
+    bool isPrinted = true;
+    {
+        const AllocationFailure_ failure(1);
+        EXPECT_NO_THROW(isPrinted = m_buffer.print(&stream, 18, 2, 16, nullptr));
+        EXPECT_TRUE(failure.hasStruck());
+    }
+
+    EXPECT_FALSE(isPrinted);
+    EXPECT_EQ(stream.str(), "");
+}
+
 TEST_F(BasicBuffer, printRefusesMoreThanTheDataAndCountsOfZero) {
     std::ostringstream stream;
 
