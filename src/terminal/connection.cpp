@@ -180,7 +180,11 @@ bool VekmsgConnection_::processPollEvents(SP_BasicBuffer_& sp_buffer) {
         case STATE_RECEIVING_HEADER:
             return processPollEvents(Header_(), sp_buffer);
         case STATE_RECEIVING_PAYLOAD:
-            return processPollEvents(Payload_(), sp_buffer);
+            if (processPollEvents(Payload_(), sp_buffer)) return true;
+            // No receive is armed. Should memory be too short to keep the blocks and give the connection up,
+            // the next turn has to find it failed, not a stream that is announced and never read.
+            m_connectionState = STATE_FAILED;
+            return false;
         case STATE_FAILED:
             return true;
         default:

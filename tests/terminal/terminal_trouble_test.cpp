@@ -12,6 +12,7 @@
 #include "support/child_process.h"
 #include "support/system_calls.h"
 #include "terminal/installation.h"
+#include "vekmsg/log.h"
 
 namespace {
 
@@ -121,6 +122,35 @@ TEST_F(TerminalTrouble, aStreamThatFoundNoMemoryIsNotTheOneThatStays) {
 
             EXPECT_TRUE(wroteOld || wroteNew) << number;
             EXPECT_EQ(numbersAt(*anna), Numbers_{3}) << number;
+            anna->close();
+        });
+    }
+}
+
+// A turn that finds no memory arms no receive. When there is none to keep its blocks either, the connection
+// stays for the next pass: it must not stand there unread then.
+TEST_F(TerminalTrouble, aStreamIsNotLeftUnreadWhenThereWasNoMemoryToGiveItUp) {
+    vekmsg_log_set_threshold(-1);  // taking records needs memory too
+    bool hasStruck = true;
+    for (unsigned int number = 1; hasStruck; ++number) {
+        ASSERT_LT(number, 200U);
+        inFreshThread([&] {
+            const Terminal_ anna = openLocal("anna");
+            RawPeer_ bert(local("anna"));
+            bert.write(nameBlock("bert") + messageBlock("anna", "bert", 1));
+            {
+                const AllocationFailure_ failure(number, true);
+                anna->pass();
+                anna->pass();
+                hasStruck = failure.hasStruck();
+            }
+            anna->pass();
+            anna->pass();
+            numbersAt(*anna);
+            if (anna->active("bert") || !anna->m_unresolvedConnections.empty()) {
+                bert.write(messageBlock("anna", "bert", 2));
+                EXPECT_EQ(numbersAt(*anna), Numbers_{2}) << number;
+            }
             anna->close();
         });
     }
