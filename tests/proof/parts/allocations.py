@@ -1,0 +1,109 @@
+"""Operations without memory: each scenario is run again with its 1st, 2nd, ... last allocation failing, in five modes.
+
+tests/proof/allocations holds the program: scenarios, a heap that fails by plan and knows where in the library each
+allocation comes from, and a runner that looks at what is left behind. Beside what the program counts, the calls of
+`operator new` that stand in the library's code are compared with those that the scenarios came through."""
+
+import re
+import subprocess
+
+from report import Figure, Result
+
+NAME = "allocations"
+PROVES = "without memory every operation gives its documented result, leaks nothing and leaves its object usable"
+
+# What the library may ask for memory by: the program fails all of these.
+ALLOCATORS = re.compile(r"_Zn[wa][mj](RKSt9nothrow_t)?$|malloc$|calloc$|realloc$")
+OTHER_ALLOCATORS = re.compile(r"_Zn[wa][mj].*align_val_t|"
+                              r"(posix_memalign|aligned_alloc|memalign|valloc|strn?dup|asprintf)$")
+
+# Calls that no scenario can reach, by part of the function's name: how many there may be in such a function, and why.
+UNREACHED = {
+    "Drain_::~Drain_": (1, "it takes from its list only while that holds something"),
+    "_M_insert_equal_lower": (1, "a hint at the end of a set always finds the place"),
+    "::deserialize(VekmsgElementBinary_::Item_": (1, "a hint at the end of a set always finds the place"),
+    "VekmsgElementBinary_::addSubelements": (1, "a hint at the end of a set always finds the place"),
+    "VekmsgConnection_::putBackReceived": (1, "the place that was just given up waits on the thread's list"),
+    "VekmsgTerminalImpl_::keepFirst": (1, "the place that was just given up waits on the thread's list"),
+    "receiveMessage(VekmsgTerminalImpl_::Dispatching_": (
+        1, "the place in the queue that the message came from waits on the thread's list"),
+    "VekmsgTerminal_::receiveRawPayload": (2, "a text just made has no more room than its own"),
+    "BasicBuffer_::operator new": (1, "the memory of a derived class comes straight from the application's own"),
+}
+
+CALL = re.compile(r"^\s*[0-9a-f]+:\s+(?:bnd )?(call|jmp)\s+[0-9a-f]+ <(\w+)@plt>")
+FUNCTION = re.compile(r"^[0-9a-f]+ <(.+)>:$")
+
+
+def run(builds):
+    result = Result(remarks=[
+        "A peer's descriptor that was accepted and finds no memory for its socket is left open by design: the runner "
+        "counts it, closes it and goes on.",
+        "Noting a function for the end of a thread, as a thread's first use of each of its lists does, is not failed: "
+        "there glibc ends the process itself when it finds no memory.",
+        "A sub-element that is set while the look-up finds no memory is added as a second one with its tag: the "
+        "look-up has found nothing.",
+        "A directory that is read without memory is read in part, with a record, and the terminal opens with that.",
+    ])
+    for bits in (64, 32):
+        arguments = [] if builds.is_full else ["--quick"]
+        result.add(builds.proof(bits, "allocation_proof", *arguments))
+        result.add(compare_calls(builds, bits))
+    return result
+
+
+def compare_calls(builds, bits):
+    seen = {int(line, 16) for line in (builds.folder / f"allocation_proof-{bits}.json.calls").read_text().split()}
+    calls, others = static_calls(builds.library(bits))
+    result = Result(findings=[f"asks for memory in a way that never fails here: {name} ({bits} bit)"
+                              for name in others])
+    result.figures.append(Figure("calls of operator new in the library reached",
+                                 sum(address in seen for address, _ in calls), of=len(calls), bits=bits))
+    unreached, unreachable = {}, 0
+    for address, function in calls:
+        if address not in seen:
+            unreached.setdefault(function, []).append(address)
+    for function, addresses in unreached.items():
+        part = part_of(function)
+        allowed, reason = UNREACHED.get(part, (0, ""))
+        if len(addresses) > allowed:
+            places = ", ".join(hex(address) for address in addresses)
+            result.findings.append(f"operator new is not reached in {shortened(function)} at {places} ({bits} bit)")
+            continue
+        unreachable += len(addresses)
+        if (remark := f"Calls of operator new not reached, {part}: {reason}.") not in result.remarks:
+            result.remarks.append(remark)
+    result.figures.append(Figure("calls of operator new that nothing can reach", unreachable, bits=bits))
+    return result
+
+
+def static_calls(library):
+    """The calls as (return address, function), and other functions called that ask for memory."""
+    listing = subprocess.run(["objdump", "-d", "-C", "--no-show-raw-insn", str(library)], capture_output=True,
+                             text=True, check=True).stdout
+    mangled = subprocess.run(["objdump", "-d", "--no-show-raw-insn", str(library)], capture_output=True, text=True,
+                             check=True).stdout
+    calls, others, function, is_behind_call = [], set(), "", False
+    for line, shown in zip(mangled.splitlines(), listing.splitlines()):
+        if FUNCTION.match(line):
+            function = FUNCTION.match(shown).group(1)
+        address = re.match(r"^\s*([0-9a-f]+):", line)
+        if is_behind_call and address:
+            calls.append((int(address.group(1), 16), function))
+        call = CALL.match(line)
+        is_behind_call = bool(call and call.group(1) == "call" and ALLOCATORS.match(call.group(2)))
+        if call and (OTHER_ALLOCATORS.match(call.group(2)) or
+                     (call.group(1) == "jmp" and ALLOCATORS.match(call.group(2)) and part_of(function) is None)):
+            others.add(f"{call.group(2)} in {shortened(function)}")
+    return calls, sorted(others)
+
+
+def part_of(function):
+    return next((part for part in UNREACHED if part in function), None)
+
+
+def shortened(function):
+    """Without the arguments of templates."""
+    while (shorter := re.sub(r"<[^<>]*>", "", function)) != function:
+        function = shorter
+    return function
