@@ -25,7 +25,15 @@ struct Plan_ {
     unsigned int m_count;
 };
 
+/// What receives may take.
+struct Gate_ {
+    bool m_isHeld;
+    bool m_isEndAdmitted;
+    unsigned int m_admitted;
+};
+
 Plan_ g_plans[SystemCalls_::NumberOfCalls];
+Gate_ g_gate;
 unsigned int g_clockOffset;
 bool g_isClockStopped;
 struct timespec g_stoppedClock;
@@ -67,6 +75,19 @@ void plan(SystemCalls_::Call_ call, Way_ way, long value, unsigned int skipped, 
     g_plans[call] = Plan_{way, skipped, times, value, g_plans[call].m_count};
 }
 
+/// A receive that goes through, but gets only what was let in.
+template <class Through>
+ssize_t receiveAdmitted(size_t length, Through through) {
+    if (g_gate.m_isHeld && g_gate.m_admitted == 0 && !g_gate.m_isEndAdmitted) {
+        errno = EAGAIN;
+        return -1;
+    }
+    if (!g_gate.m_isHeld || g_gate.m_admitted == 0) return through(length);
+    const ssize_t received = through(std::min<size_t>(length, g_gate.m_admitted));
+    if (received > 0) g_gate.m_admitted -= static_cast<unsigned int>(received);
+    return received;
+}
+
 int forwardFcntl(const char* p_name, int descriptor, int command, long argument) {
     return carryOut(SystemCalls_::Fcntl,
                     [=] { return next<int(int, int, ...)>(p_name)(descriptor, command, argument); });
@@ -76,12 +97,14 @@ int forwardFcntl(const char* p_name, int descriptor, int command, long argument)
 
 SystemCalls_::SystemCalls_() {
     std::memset(g_plans, 0, sizeof(g_plans));
+    g_gate = Gate_();
     g_clockOffset = 0;
     g_isClockStopped = false;
 }
 
 SystemCalls_::~SystemCalls_() {
     std::memset(g_plans, 0, sizeof(g_plans));
+    g_gate = Gate_();
     g_clockOffset = 0;
     g_isClockStopped = false;
 }
@@ -96,6 +119,23 @@ void SystemCalls_::answer(Call_ call, long result, unsigned int skipped, unsigne
 
 void SystemCalls_::shorten(Call_ call, unsigned int bytes, unsigned int skipped, unsigned int times) {
     plan(call, Way_::Shorten, static_cast<long>(bytes), skipped, times);
+}
+
+void SystemCalls_::holdReceived() {
+    g_gate = Gate_();
+    g_gate.m_isHeld = true;
+}
+
+void SystemCalls_::admit(unsigned int bytes) {
+    g_gate.m_admitted += bytes;
+}
+
+void SystemCalls_::admitEnd() {
+    g_gate.m_isEndAdmitted = true;
+}
+
+unsigned int SystemCalls_::admitted() const {
+    return g_gate.m_admitted;
 }
 
 void SystemCalls_::setPendingError(int error, unsigned int times) {
@@ -212,7 +252,8 @@ ssize_t recv(int descriptor, void* p_bytes, size_t length, int flags) {
     }
     if (way == Way_::Answer) return static_cast<ssize_t>(value);
     if (way == Way_::Shorten) length = std::min(length, static_cast<size_t>(value));
-    return next<decltype(recv)>("recv")(descriptor, p_bytes, length, flags);
+    return receiveAdmitted(
+        length, [=](size_t size) { return next<decltype(recv)>("recv")(descriptor, p_bytes, size, flags); });
 }
 
 int close(int descriptor) {

@@ -43,6 +43,18 @@ public:
     /// After `skipped` calls, `times` sends or receives move at most `bytes` bytes. For Send and Recv.
     void shorten(Call_ call, unsigned int bytes, unsigned int skipped = 0, unsigned int times = 1);
 
+    /// From now on receives get no more than admit() lets in, and EAGAIN when that is used up. For Recv.
+    void holdReceived();
+
+    /// Lets `bytes` more in.
+    void admit(unsigned int bytes);
+
+    /// Lets the end of the stream show behind what was let in.
+    void admitEnd();
+
+    /// Bytes that were let in and not received yet.
+    unsigned int admitted() const;
+
     /// SO_ERROR, asked `times` times, answers `error`.
     void setPendingError(int error, unsigned int times = 1);
 
