@@ -10,7 +10,7 @@
 #include "support/record_capture.h"
 #include "support/record_notes.h"
 #include "support/utf8_text.h"
-#include "terminal/terminal_records.h"
+#include "support/terminal_records.h"
 #include "vekmsg/vekmsg.h"
 
 /// States what a public call returns and which records it writes, complete and in order. The proof of the

@@ -15,7 +15,7 @@
 #include "support/utf8_text.h"
 #include "support/wire_bytes.h"
 #include "terminal/terminal_impl.h"
-#include "terminal/terminal_records.h"
+#include "support/terminal_records.h"
 
 using Bytes_ = std::string;
 
