@@ -150,6 +150,13 @@ bool RawPeer_::isAtEnd(unsigned int limitMs) const {
     return isReady(m_descriptor, POLLIN, limitMs) && receiveNow(m_descriptor, &byte, 1, MSG_PEEK) <= 0;
 }
 
+std::string RawPeer_::address() const {
+    sockaddr_in own = {};
+    socklen_t length = sizeof(own);
+    if (getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&own), &length) != 0) fail("getsockname", -1);
+    return std::string("inettcp://") + inet_ntoa(own.sin_addr) + ':' + std::to_string(ntohs(own.sin_port));
+}
+
 void RawPeer_::finish() {
     shutdown(m_descriptor, SHUT_WR);
 }

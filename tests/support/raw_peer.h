@@ -46,6 +46,9 @@ public:
     /// Whether the other end closes the stream within the limit, with nothing left to be read.
     bool isAtEnd(unsigned int limitMs = 10000) const;
 
+    /// The address text of this end of a TCP stream.
+    std::string address() const;
+
     /// Ends the sending direction alone.
     void finish();
 

@@ -1,10 +1,15 @@
 #ifndef VEKMSG_TESTS_SYSTEM_CALLS_H
 #define VEKMSG_TESTS_SYSTEM_CALLS_H
 
+#include <string>
+
 /// Makes chosen system calls of the process fail, fall short or be counted, and moves the clock.
 ///
 /// The test program holds strong definitions of these calls, which the library's calls reach whether it is
 /// linked statically or as the finished shared library. Everything is back to normal when the object goes.
+///
+/// A plan says what becomes of the next calls of one kind. A new plan replaces the present one of its kind,
+/// except behind `then()`.
 class SystemCalls_ {
 public:
     enum Call_ {
@@ -26,8 +31,15 @@ public:
         Chmod,
         Poll,
         ClockGettime,
+        Write,
+        Read,
+        Fopen,
+        Fclose,
         NumberOfCalls
     };
+
+    /// The name of the function, "socket".
+    static const char* name(Call_ call);
 
     SystemCalls_();
     ~SystemCalls_();
@@ -39,6 +51,11 @@ public:
 
     /// After `skipped` calls that go through, `times` calls do nothing and return `result`.
     void answer(Call_ call, long result, unsigned int skipped = 0, unsigned int times = 1);
+
+    /// The same two, but the calls are made all the same and their results replaced. `close` frees the
+    /// descriptor even where it reports an error.
+    void failAfterwards(Call_ call, int error, unsigned int skipped = 0, unsigned int times = 1);
+    void answerAfterwards(Call_ call, long result, unsigned int skipped = 0, unsigned int times = 1);
 
     /// After `skipped` calls, `times` sends or receives move at most `bytes` bytes. For Send and Recv.
     void shorten(Call_ call, unsigned int bytes, unsigned int skipped = 0, unsigned int times = 1);
@@ -58,8 +75,22 @@ public:
     /// SO_ERROR, asked `times` times, answers `error`.
     void setPendingError(int error, unsigned int times = 1);
 
+    /// The next plan is carried out behind the present one of its kind: `calls.then().fail(...)`.
+    SystemCalls_& then();
+
+    /// Whether nothing planned is left.
+    bool isCarriedOut() const;
+
     /// Calls since this object was made.
     unsigned int count(Call_ call) const;
+
+    /// From now on only what this loaded library calls ("libvekmsg.so") is planned, counted and witnessed,
+    /// and only its clock is moved. The calls that the standard library makes to read files count as its own.
+    void concernOnly(const std::string& library);
+
+    /// Is told of each call before it is made: where it returns to, and whether a plan strikes it.
+    using Witness_ = void (*)(Call_ call, const void* p_place, bool isStruck);
+    void setWitness(Witness_ witness);
 
     /// Moves every clock forward.
     void advanceClock(unsigned int seconds);
