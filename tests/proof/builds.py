@@ -56,15 +56,21 @@ class Builds:
     def install(self, *packages):
         self._command([str(TOP / "scripts" / "install-packages"), *packages])
 
-    def proof(self, bits, target, *arguments, limit=1800):
+    def proof(self, bits, target, *arguments, limit=1800, listing=None):
         """Builds a program of tests/proof, runs it and reads the result that it writes to its --json file; what it
-        shows on standard error is shown. Exit code 0 or 1 means that it came to its end."""
+        shows on standard error is shown. What it prints goes to the file `listing`, where one is named. Exit code 0 or
+        1 means that it came to its end."""
         preset = PRESETS[bits]
         self.build(preset, target)
         output = self.folder / f"{target}-{bits}.json"
         output.unlink(missing_ok=True)
         program = self.path(preset) / "tests" / "proof" / target
-        done = self.run([str(program), *arguments, "--json", str(output)], limit=limit)
+        command = [str(program), *arguments, "--json", str(output)]
+        if listing is None:
+            done = self.run(command, limit=limit)
+        else:
+            with (self.folder / listing).open("w") as lines:
+                done = self.run(command, limit=limit, output=lines)
         if done.returncode not in (0, 1) or not output.exists():
             raise Failed(f"{target} ({bits} bit) ended with {done.returncode}")
         result = report.from_json(output.read_text())
@@ -73,12 +79,12 @@ class Builds:
         result.findings = [f"{finding} ({bits} bit)" for finding in result.findings]
         return result
 
-    def run(self, command, limit=600, environment=None, capture=False):
+    def run(self, command, limit=600, environment=None, capture=False, output=sys.stderr):
         """Runs a command to its end within `limit` seconds. A failure is the caller's to judge."""
         try:
             return subprocess.run(command, cwd=TOP, timeout=limit, stdin=subprocess.DEVNULL, text=True,
                                   env={**os.environ, **(environment or {})},
-                                  stdout=subprocess.PIPE if capture else sys.stderr,
+                                  stdout=subprocess.PIPE if capture else output,
                                   stderr=subprocess.PIPE if capture else None)
         except subprocess.TimeoutExpired as late:
             raise Failed(f"{command[0]} did not end within {limit} s") from late
