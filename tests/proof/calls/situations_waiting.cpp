@@ -1,0 +1,69 @@
+// What becomes of a wait when poll fails.
+
+#include <cerrno>
+
+#include "proof/calls/situations.h"
+
+namespace {
+
+using Calls_ = SystemCalls_;
+
+constexpr unsigned int kWaitMs = 5000;
+constexpr unsigned int kSlices = 5;  // each a second long
+
+/// An interrupted poll costs the wait none of its time. All others take their slice at once.
+template <class Wait>
+void goesOn(Scene_& scene, const Failure_& failure, Wait timesOut) {
+    scene.calls().fail(Calls_::Poll, failure.m_error, 0, failure.m_times);
+    scene.calls().then().answer(Calls_::Poll, 0, 0, kSlices);
+    const unsigned int before = scene.calls().count(Calls_::Poll);
+    scene.expect(timesOut(), "the wait lasts its time");
+    scene.expect(scene.calls().count(Calls_::Poll) - before == failure.m_times + kSlices,
+                 "each slice is waited for once");
+    scene.expectNoRecords("waiting");
+}
+
+void waiting(Scene_& scene, const Failure_& failure) {
+    scene.opened();
+    if (failure.m_error == EINTR) {
+        goesOn(scene, failure,
+               [&] { return scene.terminal().waitForMessage(kWaitMs) == VekmsgTerminal_::WAIT_TIMEOUT; });
+    } else {
+        scene.calls().fail(Calls_::Poll, failure.m_error);
+        scene.expect(scene.terminal().waitForMessage(kWaitMs) == VekmsgTerminal_::WAIT_ERROR,
+                     "waitForMessage fails");
+        scene.expectRecords(
+            "waitForMessage",
+            {error(kWait, "VekmsgTerminalImpl_::waitForMessage(5000) poll() for here failed with " +
+                              failure.plainText())});
+    }
+    scene.works();
+}
+
+void polling(Scene_& scene, const Failure_& failure) {
+    scene.opened();
+    void* p_end = nullptr;
+    const auto poll = [&] { return VekmsgTerminal_::pollFd(nullptr, 0, kWaitMs, &scene.terminal(), p_end); };
+    if (failure.m_error == EINTR) {
+        goesOn(scene, failure, [&] { return poll() == VekmsgTerminal_::POLL_TIMEOUT; });
+    } else {
+        scene.calls().fail(Calls_::Poll, failure.m_error);
+        scene.expect(poll() == VekmsgTerminal_::POLL_ERROR, "pollFd fails");
+        scene.expectRecords("pollFd", {error(kPollFd,
+                                             "VekmsgTerminal_::pollFd(5000) poll() for multiple terminal "
+                                             "failed with " +
+                                                 failure.plainText())});
+    }
+    scene.works();
+}
+
+}  // namespace
+
+Situations_ waitingSituations() {
+    return {
+        {Calls_::Poll, kLocal, "waitForMessage: polls", waiting},
+        {Calls_::Poll, kTcp, "waitForMessage: polls", waiting},
+        {Calls_::Poll, kLocal, "pollFd: polls", polling},
+        {Calls_::Poll, kTcp, "pollFd: polls", polling},
+    };
+}
