@@ -55,6 +55,10 @@ private:
     void checkImports() {
         for (const std::string& name : m_library.callsNotTakenOver())
             m_report.addFinding("the library calls " + name + ", which is not taken over");
+        m_report.addRemark(
+            "a file is read through the standard library's stream: its fopen, read and fclose are failed, "
+            "not the calls inside these");
+        m_report.addRemark("what memory and threads need of the system is not among these calls");
     }
 
     /// Statics of the test's own helpers are made here and not inside the first case, where they would count
@@ -123,6 +127,9 @@ private:
     /// The name of the place, "VekSocket_::listen(unsigned int)+call".
     std::string noteSeen(const SeenPlace_& seen) {
         const CallSite_* p_site = m_library.siteOf(seen.m_p_return);
+        if (p_site == nullptr && seen.m_call < SystemCalls_::Read)
+            m_report.addFinding(std::string("a call from where the disassembly shows none: ") +
+                                SystemCalls_::name(seen.m_call));
         std::string name =
             p_site != nullptr ? nameOf(*p_site)
                               : std::string(SystemCalls_::name(seen.m_call)) + " inside the standard library";

@@ -163,8 +163,8 @@ RawPeer_& Scene_::guest() {
     return *m_guest;
 }
 
-std::string Scene_::nextBlock() {
-    return blockOf("here", guestName(), ++m_number);
+std::string Scene_::nextBlock(const std::string& destination) {
+    return blockOf(destination, guestName(), ++m_number);
 }
 
 void Scene_::guestArrives(const std::string& name) {
@@ -206,8 +206,10 @@ bool Scene_::peerGets(const std::string& bytes, bool isNew) {
     return isRight;
 }
 
-bool Scene_::peerGetsOnNewStream() {
-    return peerGets(wire::nameBlock("here") + blockOf("peer", "here", m_number), true);
+bool Scene_::peerGetsOnNewStream(const std::vector<unsigned int>& numbers) {
+    std::string bytes = wire::nameBlock("here");
+    for (const unsigned int number : numbers) bytes += blockOf("peer", "here", number);
+    return peerGets(bytes, true);
 }
 
 bool Scene_::peerGets() {

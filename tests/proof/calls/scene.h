@@ -91,8 +91,8 @@ public:
     std::string guestAddress() const { return isTcp() ? m_guest->address() : "local://"; }
     void guestLeaves() { m_guest.reset(); }
 
-    /// The next message for "here" as a block.
-    std::string nextBlock();
+    /// The next message for "here", or for another component, as a block.
+    std::string nextBlock(const std::string& destination = "here");
     unsigned int lastNumber() const { return m_number; }
 
     /// A guest has named itself, and its first message has been received.
@@ -105,9 +105,10 @@ public:
 
     RawPeer_& peerStream() { return *m_peerStream; }
 
-    /// Whether the peer gets the last message sent, whole, once and alone: on a stream of its own after the
-    /// name, or on the one that it has.
-    bool peerGetsOnNewStream();
+    /// Whether the peer gets the last message sent, or these, whole, once and alone: on a stream of its own
+    /// after the name, or on the one that it has.
+    bool peerGetsOnNewStream() { return peerGetsOnNewStream({m_number}); }
+    bool peerGetsOnNewStream(const std::vector<unsigned int>& numbers);
     bool peerGets();
 
     /// The peer has a stream, on which a message has arrived.

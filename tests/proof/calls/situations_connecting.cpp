@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "proof/calls/situations.h"
+#include "support/child_process.h"
 
 namespace {
 
@@ -88,6 +89,38 @@ void connecting(Scene_& scene, const Failure_& failure) {
     scene.expect(scene.send(), "sendMessage succeeds");
     runsIntoTheLimit(scene, scene.peer(), 1);
     scene.works(scene.isTcp());
+}
+
+/// A guest's message for the peer cannot be passed on. It is dropped; the guest stays, and its next one is
+/// heard.
+void passesNothingOn(Scene_& scene, const Failure_& failure, Calls_::Call_ call, Records_ records) {
+    records.push_back(
+        warning(kForwarding, "here failed to route a message from guest with dest peer, src guest, TTL 3"));
+    scene.opened();
+    scene.guestArrives();
+    eachTime(failure, [&] {
+        scene.guestStream().write(scene.nextBlock("peer"));
+        scene.calls().fail(call, failure.m_error);
+        const unsigned int before = scene.calls().count(call);
+        const auto isTried = [&] { return scene.calls().count(call) != before || !scene.pass(); };
+        scene.expect(eventually(isTried), "the message is to be passed on");
+        scene.expectRecords("passing on", records);
+    });
+    scene.guestStream().write(scene.nextBlock());
+    scene.expect(scene.receives(scene.lastNumber()), "the guest is heard");
+    scene.works();
+}
+
+void makingTheSocketToPassOn(Scene_& scene, const Failure_& failure) {
+    passesNothingOn(scene, failure, Calls_::Socket,
+                    {socketRecord(3, kDescriptor,
+                                  "VekSocket_::initialize(" + scene.wildcard() + ") socket() failed with " +
+                                      failure.text())});
+}
+
+void connectingToPassOn(Scene_& scene, const Failure_& failure) {
+    if (isUnderWay(failure)) return connecting(scene, failure);
+    passesNothingOn(scene, failure, Calls_::Connect, {refused(scene.peer(), failure), unableToSend()});
 }
 
 /// Nobody is at the address that stands first, as often as the call fails.
@@ -332,6 +365,10 @@ Situations_ connectingSituations() {
         {Calls_::Connect, kTcp, "send: connects", connecting},
         {Calls_::Connect, kLocal, "send: connects to the first of two addresses", connectingToOneOfTwo},
         {Calls_::Connect, kTcp, "a pass: connects again", connectingAgain},
+        {Calls_::Socket, kLocal, "receive: makes the socket to pass a message on", makingTheSocketToPassOn},
+        {Calls_::Socket, kTcp, "receive: makes the socket to pass a message on", makingTheSocketToPassOn},
+        {Calls_::Connect, kLocal, "receive: connects to pass a message on", connectingToPassOn},
+        {Calls_::Connect, kTcp, "receive: connects to pass a message on", connectingToPassOn},
         {Calls_::ClockGettime, kLocal, "send: stamps a connect under way", stampingTheConnect},
         {Calls_::ClockGettime, kTcp, "send: stamps a connect under way", stampingTheConnect},
         {Calls_::Setsockopt, kTcp, "send: has the stream write at once", sendingWithoutDelayAtOnce},

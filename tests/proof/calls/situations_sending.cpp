@@ -70,6 +70,31 @@ void writingAMessage(Scene_& scene, const Failure_& failure) {
     }
 }
 
+/// Two messages wait while the stream comes about. What the first one has taken does not wait for the second,
+/// and what has failed is sent again on a new stream.
+void writingASecondMessage(Scene_& scene, const Failure_& failure) {
+    scene.opened();
+    scene.calls().failAfterwards(Calls_::Connect, EINPROGRESS);
+    scene.expect(scene.send(), "sendMessage succeeds");
+    const unsigned int first = scene.lastNumber();
+    scene.expect(scene.send(), "sendMessage succeeds");
+    scene.calls().fail(Calls_::Send, failure.m_error, 2, failure.m_times);
+    if (failure.isTransient()) {
+        scene.expect(scene.peerGetsOnNewStream({first, scene.lastNumber()}), "both messages arrive");
+        scene.expectNoRecords("sending");
+        scene.works(true);
+        return;
+    }
+    scene.expect(scene.pass(), "a pass succeeds");
+    if (scene.isTcp()) {
+        goesOnAnew(scene, "a pass", {notSent(scene.peer(), failure)});
+        scene.works(true);
+    } else {
+        scene.expectRecords("a pass", {notSent(scene.peer(), failure), givingUp(1), deletingActive("peer")});
+        scene.works();
+    }
+}
+
 /// On a stream that the peer has opened. It has no name of its own.
 void writingToAGuest(Scene_& scene, const Failure_& failure) {
     scene.opened();
@@ -165,6 +190,8 @@ Situations_ sendingSituations() {
         {Calls_::Send, kTcp, "a pass: writes the name", writingTheName},
         {Calls_::Send, kLocal, "send: writes a message", writingAMessage},
         {Calls_::Send, kTcp, "send: writes a message", writingAMessage},
+        {Calls_::Send, kLocal, "a pass: writes the second of two messages", writingASecondMessage},
+        {Calls_::Send, kTcp, "a pass: writes the second of two messages", writingASecondMessage},
         {Calls_::Send, kLocal, "send: writes a message to a guest", writingToAGuest},
         {Calls_::Send, kLocal, "a pass: writes the rest of a message", writingTheRest},
         {Calls_::Send, kTcp, "a pass: writes the rest of a message", writingTheRest},
