@@ -211,8 +211,9 @@ private:
         }
     }
 
-    /// A prime, so that all remainders of the sizes in use come up.
-    static unsigned int quickStride(unsigned int blockSize) { return blockSize > 10000 ? 61 : 7; }
+    /// Blocks as large as a component can receive are cut at each byte in any case. A prime, so that all
+    /// remainders of the sizes in use come up.
+    static unsigned int quickStride(unsigned int blockSize) { return blockSize > 10000 ? 61 : 1; }
 
     const ProofOptions_& m_options;
     LoadedLibrary_ m_library;
