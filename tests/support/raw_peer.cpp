@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <sys/un.h>
@@ -155,6 +156,15 @@ std::string RawPeer_::address() const {
     socklen_t length = sizeof(own);
     if (getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&own), &length) != 0) fail("getsockname", -1);
     return std::string("inettcp://") + inet_ntoa(own.sin_addr) + ':' + std::to_string(ntohs(own.sin_port));
+}
+
+bool RawPeer_::isAcknowledged(unsigned int limitMs) const {
+    int waiting = 0;
+    for (unsigned int i = 0; i <= limitMs; ++i) {
+        if (ioctl(m_descriptor, TIOCOUTQ, &waiting) == 0 && waiting == 0) return true;
+        isReady(-1, 0, 1);  // a millisecond
+    }
+    return false;
 }
 
 void RawPeer_::finish() {

@@ -49,6 +49,10 @@ public:
     /// The address text of this end of a TCP stream.
     std::string address() const;
 
+    /// Waits until the other end's system has all that was written; false when it has not within the limit.
+    /// For TCP.
+    bool isAcknowledged(unsigned int limitMs = 10000) const;
+
     /// Ends the sending direction alone.
     void finish();
 
