@@ -163,6 +163,18 @@ RawPeer_& Scene_::guest() {
     return *m_guest;
 }
 
+/// What was written has arrived, so that the next pass finds it.
+void Scene_::guestWrites(const std::string& bytes) {
+    m_guest->write(bytes);
+    if (isTcp()) expect(m_guest->isAcknowledged(), "what the guest writes arrives");
+}
+
+void Scene_::guestIsRead() {
+    const unsigned int before = m_calls.count(SystemCalls_::Recv);
+    const auto isRead = [&] { return !pass() || m_calls.count(SystemCalls_::Recv) != before; };
+    expect(soon(isRead) && pass(), "the guest is read");
+}
+
 std::string Scene_::nextBlock(const std::string& destination) {
     return blockOf(destination, guestName(), ++m_number);
 }
@@ -190,19 +202,24 @@ bool Scene_::acceptPeerStream() {
         return false;  // nobody is waiting
     }
     m_peerBytes.clear();
+    m_isStreamNew = true;
     return true;
 }
 
+void Scene_::peerTakesStream() {
+    expect(soon([&] { return acceptPeerStream(); }), "the peer takes the stream");
+}
+
 bool Scene_::peerGets(const std::string& bytes, bool isNew) {
-    bool hasNew = !isNew;
     const bool isHere = soon([&] {
         expect(pass(), "a pass succeeds");
-        while (isNew && acceptPeerStream()) hasNew = true;
-        if (hasNew && m_peerStream) m_peerBytes += m_peerStream->readArrived();
+        while (isNew && acceptPeerStream()) continue;
+        if (m_peerStream && m_isStreamNew == isNew) m_peerBytes += m_peerStream->readArrived();
         return m_peerBytes.size() >= bytes.size() || !m_verdict.isGood();
     });
     const bool isRight = isHere && m_peerBytes == bytes && m_peerStream->isQuiet();
     m_peerBytes.clear();
+    m_isStreamNew = false;
     return isRight;
 }
 

@@ -89,6 +89,10 @@ public:
     RawPeer_& guestStream() { return *m_guest; }
     std::string guestName() const { return "guest"; }
     std::string guestAddress() const { return isTcp() ? m_guest->address() : "local://"; }
+    void guestWrites(const std::string& bytes);
+
+    /// Passes until the library has looked at the guest's stream, and once more.
+    void guestIsRead();
     void guestLeaves() { m_guest.reset(); }
 
     /// The next message for "here", or for another component, as a block.
@@ -104,6 +108,9 @@ public:
     // The peer.
 
     RawPeer_& peerStream() { return *m_peerStream; }
+
+    /// The peer takes the stream that is being connected, which stands from then on.
+    void peerTakesStream();
 
     /// Whether the peer gets the last message sent, or these, whole, once and alone: on a stream of its own
     /// after the name, or on the one that it has.
@@ -141,6 +148,7 @@ private:
     std::optional<RawPeer_> m_visitor;
     VekmsgTerminal_ m_terminal;
     bool m_isOpen = false;
+    bool m_isStreamNew = false;  // nothing has been looked for on the peer's stream yet
     unsigned int m_number = 0;
     unsigned int m_visitors = 0;
     unsigned int m_left = 0;

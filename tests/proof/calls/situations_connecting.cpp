@@ -297,6 +297,7 @@ void askingForThePeer(Scene_& scene, const Failure_& failure) {
         scene.calls().failAfterwards(Calls_::Connect, EINPROGRESS);
         scene.calls().fail(Calls_::Getpeername, failure.m_error);
         scene.expect(scene.send(), "sendMessage succeeds");
+        scene.peerTakesStream();
         const bool waits = failure.m_error == ENOTCONN;
         const unsigned int before = scene.calls().count(Calls_::Send);
         scene.expect(scene.pass(), "a pass succeeds");

@@ -85,6 +85,7 @@ void writingASecondMessage(Scene_& scene, const Failure_& failure) {
         scene.works(true);
         return;
     }
+    scene.peerTakesStream();
     scene.expect(scene.pass(), "a pass succeeds");
     if (scene.isTcp()) {
         goesOnAnew(scene, "a pass", {notSent(scene.peer(), failure)});
@@ -140,6 +141,7 @@ void stampingTheName(Scene_& scene, const Failure_& failure) {
         if (scene.isTcp()) {
             scene.calls().failAfterwards(Calls_::Connect, EINPROGRESS);
             scene.expect(scene.send(), "sendMessage succeeds");
+            scene.peerTakesStream();
             scene.calls().fail(Calls_::ClockGettime, failure.m_error);
             scene.expect(scene.peerGetsOnNewStream(), "the message arrives on the new stream");
             scene.expectRecords("passes", {reconnecting(1)});
