@@ -89,9 +89,8 @@ std::string Scene_::address(const std::string& name) const {
     return "inettcp://" + ownHost() + ':' + std::to_string(m_port + number);
 }
 
-void Scene_::writeDirectory(const std::vector<std::string>& lines, const std::string& ownAddress) {
-    std::vector<std::string> all = {m_folder.localAddress("default"),
-                                    (ownAddress.empty() ? own() : ownAddress) + " here"};
+void Scene_::writeDirectory(const std::vector<std::string>& lines) {
+    std::vector<std::string> all = {m_folder.localAddress("default"), own() + " here"};
     all.insert(all.end(), lines.begin(), lines.end());
     m_folder.writeFile("directory", all);
 }

@@ -47,7 +47,7 @@ public:
     std::string wildcard() const { return isTcp() ? "inettcp://?" : "local://?"; }
 
     /// Writes the directory file anew, with these lines besides that of "here" and the default address.
-    void writeDirectory(const std::vector<std::string>& lines, const std::string& own = "");
+    void writeDirectory(const std::vector<std::string>& lines);
     std::string directoryPath() const { return m_folder.path("directory"); }
 
     // What the case states. Each fault names the step.
