@@ -2,11 +2,16 @@
 #define VEKMSG_TESTS_WIRE_BYTES_H
 
 #include <string>
+#include <string_view>
 
 /// What travels, put together without the library's own code.
 namespace wire {
 
 enum Type_ : unsigned int { Outer = 0, Complex = 1, Uint = 2, String = 3, Binary = 4 };
+
+inline unsigned int sizeOf(std::string_view bytes) {
+    return static_cast<unsigned int>(bytes.size());
+}
 
 inline std::string u16(unsigned int number) {
     return {static_cast<char>(number >> 8), static_cast<char>(number)};
@@ -22,7 +27,7 @@ inline std::string text(const std::string& characters) {
 }
 
 inline std::string block(unsigned int type, const std::string& payload) {
-    return u16(type) + u16(static_cast<unsigned int>(payload.size())) + payload;
+    return u16(type) + u16(sizeOf(payload)) + payload;
 }
 
 inline std::string nameBlock(const std::string& name) {
@@ -30,7 +35,7 @@ inline std::string nameBlock(const std::string& name) {
 }
 
 inline std::string item(unsigned int tag, unsigned int type, const std::string& value) {
-    return u16(tag) + u16(type) + u16(static_cast<unsigned int>(value.size())) + value;
+    return u16(tag) + u16(type) + u16(sizeOf(value)) + value;
 }
 
 inline std::string element(unsigned int tag, unsigned int type, const std::string& value) {
