@@ -5,6 +5,8 @@
 #include <memory>
 #include <new>
 
+#include "foundation/thread_end.h"
+
 // Off for builds that watch memory (sanitizers, failing allocations): there every object must come from the
 // heap.
 #ifndef VEKMSG_FREE_LISTS
@@ -69,6 +71,7 @@ private:
     static constexpr unsigned int kMaxHeld = VEKMSG_FREE_LISTS ? MaxHeld : 0;
 
     static void armDrain(Chain_& chain) noexcept {
+        if (kMaxHeld == 0 || !canNoteThreadEnd()) return;  // the list stays unused
         static thread_local Drain_ t_drain;
         t_drain.m_p_chain = &chain;
         chain.m_phase = Phase_::Open;

@@ -1,31 +1,43 @@
 #include "foundation/text_room.h"
 
 #include "foundation/free_list.h"
+#include "foundation/thread_end.h"
 
 namespace {
 
 constexpr unsigned int kMostKept = VEKMSG_FREE_LISTS ? 64 : 0;
 constexpr std::size_t kLongestKept = 512;
 
-thread_local bool t_isOver = false;  // trivial: messages may go after the rooms of their thread
-
 struct Rooms_ {
     Utf8String_ m_texts[kMostKept + 1];
     unsigned int m_count = 0;
 
-    ~Rooms_() { t_isOver = true; }
+    ~Rooms_();
 };
 
-Rooms_& rooms() {
+enum class Phase_ : unsigned char { Unused, Open, Over };
+
+// Trivial on purpose: messages may go after the rooms of their thread.
+thread_local Phase_ t_phase = Phase_::Unused;
+
+Rooms_::~Rooms_() {
+    t_phase = Phase_::Over;
+}
+
+/// Null before the first room of the thread is kept, without memory for keeping any, and at the thread's end.
+Rooms_* rooms(bool isKeeping) noexcept {
+    if (t_phase == Phase_::Unused && isKeeping && kMostKept != 0 && canNoteThreadEnd())
+        t_phase = Phase_::Open;
+    if (t_phase != Phase_::Open) return nullptr;
     static thread_local Rooms_ t_rooms;
-    return t_rooms;
+    return &t_rooms;
 }
 
 /// The latest room, which need not be enough: it then grows and is kept at its new size.
 Utf8String_ takeRoom(std::size_t length) noexcept {
     Utf8String_ room;
-    if (length <= kLongestKept && !t_isOver && rooms().m_count != 0)
-        room.swap(rooms().m_texts[--rooms().m_count]);
+    Rooms_* p_kept = length <= kLongestKept ? rooms(false) : nullptr;
+    if (p_kept != nullptr && p_kept->m_count != 0) room.swap(p_kept->m_texts[--p_kept->m_count]);
     return room;
 }
 
@@ -44,8 +56,8 @@ void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length)
 
 void keepRoomOf(Utf8String_& text) noexcept {
     static const std::size_t s_ownRoom = Utf8String_().capacity();
-    if (text.capacity() <= s_ownRoom || text.capacity() > kLongestKept || t_isOver) return;
-    Rooms_& kept = rooms();
-    if (kept.m_count == kMostKept) return;
-    kept.m_texts[kept.m_count++].swap(text);
+    if (text.capacity() <= s_ownRoom || text.capacity() > kLongestKept) return;
+    Rooms_* p_kept = rooms(true);
+    if (p_kept == nullptr || p_kept->m_count == kMostKept) return;
+    p_kept->m_texts[p_kept->m_count++].swap(text);
 }

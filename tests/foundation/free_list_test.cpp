@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/allocation_failure.h"
+#include "support/exhausted_heap.h"
 
 namespace {
 
@@ -139,6 +140,26 @@ TEST(FreeList, withoutMemoryABlockIsNull) {
         EXPECT_EQ(Pair_::take(), nullptr);
     });
 }
+
+#if VEKMSG_CAN_EXHAUST_HEAP
+// The C library would end the process where it cannot note that the list goes with the thread.
+TEST(FreeList, withoutMemoryForItsEndAListKeepsNothingYet) {
+    inFreshThread([] {
+        const std::vector<void*> blocks = takeBlocks(2);
+        unsigned long releases = 0;
+        {
+            const ExhaustedHeap_ exhausted;
+            const unsigned long before = releaseCount();
+            Pair_::give(blocks[0]);
+            releases = releaseCount() - before;
+        }
+        EXPECT_EQ(releases, 1U);
+
+        Pair_::give(blocks[1]);
+        EXPECT_EQ(allocationsOf([] { Pair_::give(Pair_::take()); }), g_isOn ? 0U : 1U);
+    });
+}
+#endif
 
 TEST(FreeList, eachThreadHasItsOwn) {
     inFreshThread([] {

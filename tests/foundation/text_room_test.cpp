@@ -9,6 +9,7 @@
 
 #include "foundation/free_list.h"
 #include "support/allocation_failure.h"
+#include "support/exhausted_heap.h"
 
 namespace {
 
@@ -68,6 +69,24 @@ TEST(TextRoom, roomThatWasUsedServesTheNextText) {
         EXPECT_EQ(allocationsOfAssigning(g_long), g_isOn ? 0U : 1U);
     });
 }
+
+#if VEKMSG_CAN_EXHAUST_HEAP
+// The C library would end the process where it cannot note that the rooms go with the thread.
+TEST(TextRoom, withoutMemoryForTheirEndNoRoomIsKeptYet) {
+    inFreshThread([] {
+        Utf8String_ used;
+        assign(used, g_long);
+        {
+            const ExhaustedHeap_ exhausted;
+            keepRoomOf(used);
+        }
+        EXPECT_EQ(value(used), g_long);
+
+        keepRoomOf(used);
+        EXPECT_EQ(allocationsOfAssigning(g_long), g_isOn ? 0U : 1U);
+    });
+}
+#endif
 
 TEST(TextRoom, roomThatIsTooSmallGrowsAndIsKeptSo) {
     inFreshThread([] {

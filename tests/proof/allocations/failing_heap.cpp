@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unwind.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -215,7 +216,9 @@ void FailingHeap_::forgetHeldBlocks() {
 }
 
 void FailingHeap_::noteThreadEnd() {
-    if (t_isArmed) ++m_threadEnds;
+    if (!t_isArmed) return;
+    ++m_threadEnds;
+    if (m_plan.m_mode == FailureMode_::AllAfter && m_failures != 0) ++m_fatalThreadEnds;
 }
 
 std::string FailingHeap_::describe(const AllocationSite_& site) const {
@@ -235,6 +238,8 @@ int FailingHeap_::siteHere(AllocationKind_ kind, bool& isAccepting) noexcept {
     _Unwind_Backtrace(step, &walk);
     isAccepting = walk.m_isAccepting;
     if (walk.m_count == 0) return FailurePlan_::kNoSite;  // the application's own
+    // Memory taken on trial is the same wherever a thread happens to keep something for the first time.
+    if (kind == AllocationKind_::C) std::fill(walk.m_frames.begin() + 1, walk.m_frames.end(), 0);
     for (std::size_t i = 0; i < m_sites.size(); ++i)
         if (m_sites[i].m_kind == kind && m_sites[i].m_frames == walk.m_frames) return static_cast<int>(i);
     if (m_sites.size() == kMostSites) std::abort();
@@ -338,7 +343,7 @@ void free(void* p_block) noexcept {
 }
 
 /// glibc ends the process itself when it finds no memory to note what runs at a thread's end, so that this
-/// never fails here; it is counted.
+/// never fails here; it is counted, and it must not come when memory is gone.
 int __cxa_thread_atexit(void (*function)(void*), void* p_object, void* p_library) noexcept {
     FailingHeap_::get().noteThreadEnd();
     const FailingHeap_::Paused_ paused;

@@ -99,8 +99,10 @@ public:
     std::string siteOfHeldBlock() const;
     void forgetHeldBlocks();
 
-    /// How often the library asked for a function to be run at the end of a thread.
+    /// How often the library asked for a function to be run at the end of a thread, and how often of these
+    /// while memory was gone: there the C library ends the process.
     unsigned long threadEnds() const { return m_threadEnds; }
+    unsigned long fatalThreadEnds() const { return m_fatalThreadEnds; }
     void noteThreadEnd();
 
     const std::vector<AllocationSite_>& sites() const { return m_sites; }
@@ -134,6 +136,7 @@ private:
     std::vector<int> m_abandoned;
     std::vector<AllocationSite_> m_sites;  // has room from the start
     unsigned long m_threadEnds = 0;
+    unsigned long m_fatalThreadEnds = 0;
 };
 
 #endif

@@ -226,15 +226,17 @@ void addElements(Of_& of) {
                            [&] { return s.m_sp_root->setSubElementValue(4, g_bytes, sizeof(g_bytes)); }));
     });
     // A look-up that finds no memory counts as one that finds nothing: a second sub-element is added then.
+    // What fails may also be the memory that a thread takes on trial, which changes nothing.
     of.add("element: set values of present sub-elements", [](Messages_& s, Run_& run) {
-        unsigned int added = 0;
+        unsigned int mayBeAdded = 0;
         for (const unsigned int number : {30U, 31U}) {
             const bool isDone = run.succeeds("setSubElementValue",
                                              [&] { return s.m_sp_root->setSubElementValue(3, number); });
-            if (isDone && run.hasStruckInCall()) ++added;
+            if (isDone && run.hasStruckInCall()) ++mayBeAdded;
             run.require(!isDone || isValueOf(s.m_sp_root, 3, number), "no sub-element has the value");
         }
-        run.require(Messages_::countIn(s.m_sp_root) == 3 + added, "the number of sub-elements");
+        const unsigned int count = Messages_::countIn(s.m_sp_root);
+        run.require(count >= 3 && count <= 3 + mayBeAdded, "the number of sub-elements");
     });
     of.add("element: attributes and plain values", [](Messages_& s, Run_& run) {
         run.succeeds("setValue", [&] { return s.m_sp_element->setValue(utf8(kLongText)); });

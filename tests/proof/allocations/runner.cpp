@@ -254,6 +254,9 @@ void Runner_::reportFigures() {
                        count([](const AllocationSite_& s) { return s.m_isSeenUnfailed; }));
     m_report.addFigure("descriptors left by the accept path", m_abandoned);
     m_report.addFigure("functions noted for a thread's end", m_heap.threadEnds());
+    if (m_heap.fatalThreadEnds() != 0)
+        m_report.addFinding("a function is noted for a thread's end while memory is gone, " +
+                            std::to_string(m_heap.fatalThreadEnds()) + " times");
     for (const AllocationSite_& site : sites)
         if (site.m_failures == 0) m_report.addFinding("never failed: " + m_heap.describe(site));
     for (const auto& [variant, length] : m_lengths)

@@ -39,8 +39,8 @@ def run(builds):
     result = Result(remarks=[
         "A peer's descriptor that was accepted and finds no memory for its socket is left open by design: the runner "
         "counts it, closes it and goes on.",
-        "Noting a function for the end of a thread, as a thread's first use of each of its lists does, is not failed: "
-        "there glibc ends the process itself when it finds no memory.",
+        "Noting a function for the end of a thread is not failed, because glibc ends the process itself when it finds "
+        "no memory for that. The library asks for such memory on trial first, and that is failed: it then keeps nothing.",
         "A sub-element that is set while the look-up finds no memory is added as a second one with its tag: the "
         "look-up has found nothing.",
         "A directory that is read without memory is read in part, with a record, and the terminal opens with that.",

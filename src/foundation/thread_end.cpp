@@ -1,0 +1,18 @@
+#include "foundation/thread_end.h"
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace {
+
+// Too large for what the heap sets aside for small blocks of this thread, from which a note is not taken.
+constexpr std::size_t kTrialSize = 4096;
+
+}  // namespace
+
+bool canNoteThreadEnd() noexcept {
+    void* volatile p_trial = std::malloc(kTrialSize);  // volatile: compilers leave out what is only given back
+    const bool hasMemory = p_trial != nullptr;
+    std::free(p_trial);
+    return hasMemory;
+}
