@@ -1,0 +1,93 @@
+#include "probe.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "exit_code.h"
+#include "records.h"
+#include "session.h"
+#include "transport/socket_address.h"
+
+namespace {
+
+/// A directory of one entry, in memory alone. A terminal connects to the first address of a name that takes
+/// it, so that each has to be asked by itself.
+class OneEntryDirectory_ {
+public:
+    explicit OneEntryDirectory_(const DirectoryFile_::Entry_& entry)
+        : m_descriptor(memfd_create("vekmsg", MFD_CLOEXEC)) {
+        const std::string line = entry.m_address + ' ' + entry.m_name + '\n';
+        if (m_descriptor < 0 ||
+            write(m_descriptor, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+            throw Failure_(ExitCode_::Refused, "no memory for a directory of one entry");
+    }
+    ~OneEntryDirectory_() {
+        if (m_descriptor >= 0) close(m_descriptor);
+    }
+    OneEntryDirectory_(const OneEntryDirectory_&) = delete;
+    OneEntryDirectory_& operator=(const OneEntryDirectory_&) = delete;
+
+    std::string path() const { return "/proc/self/fd/" + std::to_string(m_descriptor); }
+
+private:
+    int m_descriptor;
+};
+
+bool isServed(const std::string& text) {
+    VekSocketAddress_ address;
+    CaughtRecords_ records;
+    return address.setRealName(text.c_str()) && !address.isWildcard() &&
+           address.type() != VekSocketAddress_::INET_UDP;
+}
+
+}  // namespace
+
+Probe_ probe(const DirectoryFile_::Entry_& entry, TimeSpan_ limit) {
+    if (!isServed(entry.m_address)) return {Probe_::NotServed, {}};
+    if (entry.m_name.empty()) return {Probe_::NotAsked, {}};
+    CaughtRecords_ records;  // the state says it all
+    const OneEntryDirectory_ directory(entry);
+    Session_ session(ownName(), directory.path());
+    const Session_::PingReply_ reply = session.ping(entry.m_name, limit);
+    if (reply.m_state == Session_::PingReply_::Answered) return {Probe_::Answers, reply.m_time};
+    return {reply.m_state == Session_::PingReply_::NoAnswer ? Probe_::NoAnswer : Probe_::NotReachable, {}};
+}
+
+std::string textOf(const Probe_& probe) {
+    switch (probe.m_state) {
+        case Probe_::Answers:
+            return "answers (" + timeText(probe.m_time) + ')';
+        case Probe_::NotAsked:
+            return "not asked";
+        case Probe_::NotServed:
+            return "not served";
+        case Probe_::NotReachable:
+            return "not reachable";
+        default:
+            return "no answer";
+    }
+}
+
+Colour_ colourOf(const Probe_& probe) {
+    if (probe.m_state == Probe_::Answers) return Colour_::Green;
+    return isFault(probe) ? Colour_::Red : Colour_::None;
+}
+
+const char* wordOf(const Probe_& probe) {
+    switch (probe.m_state) {
+        case Probe_::Answers:
+            return "answers";
+        case Probe_::NotAsked:
+            return "not-asked";
+        case Probe_::NotServed:
+            return "not-served";
+        case Probe_::NotReachable:
+            return "not-reachable";
+        default:
+            return "no-answer";
+    }
+}
+
+bool isFault(const Probe_& probe) {
+    return probe.m_state != Probe_::Answers && probe.m_state != Probe_::NotAsked;
+}

@@ -1,0 +1,36 @@
+#ifndef VEKMSG_TOOLS_PROBE_H
+#define VEKMSG_TOOLS_PROBE_H
+
+#include <chrono>
+#include <string>
+
+#include "directory_file.h"
+#include "output.h"
+#include "time_span.h"
+
+/// What became of asking one entry of a directory, alone, whether its component answers there.
+struct Probe_ {
+    enum State_ {
+        Answers,
+        NotAsked,      // a default address: nothing is routed to it
+        NotServed,     // the library takes no such address
+        NotReachable,  // nobody listens
+        NoAnswer,      // somebody listens and does not answer in time
+    };
+    State_ m_state;
+    std::chrono::nanoseconds m_time;  // of an answer
+};
+
+Probe_ probe(const DirectoryFile_::Entry_& entry, TimeSpan_ limit);
+
+/// For people: "answers (0.250 ms)", "not reachable" ... and the colour that it deserves.
+std::string textOf(const Probe_& probe);
+Colour_ colourOf(const Probe_& probe);
+
+/// For programs: "answers", "not-asked", "not-served", "not-reachable", "no-answer".
+const char* wordOf(const Probe_& probe);
+
+/// Whether a caller has to be told: an answer is missing.
+bool isFault(const Probe_& probe);
+
+#endif

@@ -1,0 +1,117 @@
+#include "session.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "arguments.h"
+#include "directory_file.h"
+#include "exit_code.h"
+#include "records.h"
+
+namespace {
+
+constexpr VekmsgTag_ kPingTag = 1;
+constexpr VekmsgTag_ kNumberTag = 1;
+constexpr VekmsgTag_ kFillTag = 2;
+constexpr std::size_t kShortestName = 3;
+constexpr unsigned int kMostConnections = 128;
+constexpr unsigned int kLongestSliceMs = 100;  // so that a connection that ends is noticed soon
+
+/// What a ping carries. Answers to pings that an earlier process of this name sent must not count.
+unsigned int marked(unsigned int number) {
+    return (static_cast<unsigned int>(getpid()) << 16) ^ number;
+}
+
+/// `--as`, looked at, or a name of the session's own.
+std::string nameFor(const CommonOptions_& common, const DirectoryFile_& directory) {
+    if (common.m_as.empty()) return ownName();
+    if (common.m_as.size() < kShortestName)
+        throw Failure_(ExitCode_::Usage, "--as " + common.m_as + ": a name has three characters or more");
+    if (directory.lists(common.m_as))
+        throw Failure_(ExitCode_::Usage, "--as " + common.m_as + ": " + common.directory() +
+                                             " lists this name; opening it would take its place");
+    return common.m_as;
+}
+
+}  // namespace
+
+std::string ownName() {
+    return "vekmsg-" + std::to_string(getpid());
+}
+
+Session_::Session_(const CommonOptions_& common)
+    : m_name(nameFor(common, DirectoryFile_(common.directory()))) {
+    open(common.directory());
+}
+
+Session_::Session_(const std::string& name, const std::string& directory) : m_name(name) {
+    open(directory);
+}
+
+// Warnings about the directory are for `check` to explain.
+void Session_::open(const std::string& directory) {
+    CaughtRecords_ records;
+    if (!m_terminal.open(utf8(m_name), directory.c_str()))
+        throw Failure_(ExitCode_::Directory, "cannot open a terminal: " + records.last("no memory"));
+}
+
+SP_VekMessage_ Session_::pingRequest(const std::string& destination, unsigned int number, unsigned int size) {
+    SP_VekMessage_ sp_message;
+    if (!m_terminal.createMessage(sp_message)) return SP_VekMessage_();
+    const SP_VekmsgElement_ sp_payload = sp_message->createElement(kPingTag);
+    const std::string fill(size, '\0');
+    const bool isFilled =
+        sp_payload && sp_payload->setSubElementValue(kNumberTag, marked(number)) &&
+        (size == 0 || sp_payload->setSubElementValue(
+                          kFillTag, reinterpret_cast<const unsigned char*>(fill.data()), size)) &&
+        sp_message->setDestination(utf8(destination)) &&
+        sp_message->setPayloadSchema(utf8(kPingRequest), VekMessage_::SCHEMA_LITERAL) &&
+        sp_message->setPayload(sp_payload);
+    return isFilled ? sp_message : SP_VekMessage_();
+}
+
+bool Session_::isPingReply(VekMessage_& message, unsigned int number) {
+    if (plain(message.getPayloadSchema()) != kPingReply) return false;
+    CaughtRecords_ records;  // a reply that is no element is nothing to talk about
+    const SP_VekmsgElement_ sp_payload = message.getPayload();
+    unsigned int found = 0;
+    return sp_payload && sp_payload->getSubElementValue(kNumberTag, found) && found == marked(number);
+}
+
+// A terminal without an address listens nowhere: its descriptors are those of its connections.
+bool Session_::hasConnection() {
+    pollfd entries[kMostConnections];
+    unsigned int count = kMostConnections;
+    return !m_terminal.fillPollFdArray(entries, count) || count != 0;
+}
+
+SP_VekMessage_ Session_::receive(const Deadline_& deadline) {
+    for (;;) {
+        SP_VekMessage_ sp_message;
+        if (!m_terminal.receiveMessage(sp_message))
+            throw Failure_(ExitCode_::Refused, "the terminal cannot receive");
+        if (sp_message || deadline.isOver() || !hasConnection()) return sp_message;
+        if (m_terminal.waitForMessage(std::min(deadline.leftMs(), kLongestSliceMs)) ==
+            VekmsgTerminal_::WAIT_ERROR)
+            throw Failure_(ExitCode_::Refused, "the terminal cannot wait");
+    }
+}
+
+Session_::PingReply_ Session_::ping(const std::string& destination, TimeSpan_ limit) {
+    const unsigned int number = ++m_pings;
+    const auto start = std::chrono::steady_clock::now();
+    const Deadline_ deadline(limit);
+    {
+        CaughtRecords_ records;
+        const SP_VekMessage_ sp_request = pingRequest(destination, number, 0);
+        if (!sp_request || !m_terminal.sendMessage(sp_request))
+            return {PingReply_::NotReachable, {}, records.last("nobody listens there")};
+    }
+    while (const SP_VekMessage_ sp_message = receive(deadline)) {
+        if (isPingReply(*sp_message, number))
+            return {PingReply_::Answered, std::chrono::steady_clock::now() - start, ""};
+    }
+    const bool isConnected = m_terminal.isConnected(utf8(destination));
+    return {isConnected ? PingReply_::NoAnswer : PingReply_::NotReachable, {}, "no connection comes about"};
+}

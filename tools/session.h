@@ -1,0 +1,77 @@
+#ifndef VEKMSG_TOOLS_SESSION_H
+#define VEKMSG_TOOLS_SESSION_H
+
+#include <chrono>
+#include <string>
+
+#include "time_span.h"
+#include "vekmsg/vekmsg.h"
+
+struct CommonOptions_;
+
+inline const Utf8Char_* utf8(const std::string& text) {
+    return reinterpret_cast<const Utf8Char_*>(text.c_str());
+}
+inline std::string plain(const Utf8Char_* p_text) {
+    return reinterpret_cast<const char*>(p_text);
+}
+
+/// The texts by which pings are known.
+constexpr char kPingRequest[] = "VEK Pinger Request Format version 1.0";
+constexpr char kPingReply[] = "VEK Pinger Reply Format version 1.0";
+
+/// An open terminal under a name that the directory does not list.
+///
+/// Opening a listed name takes over its socket files, so verbs that only ask do not: their terminal has no
+/// address, reaches out, and is answered on its own connections. Through a relay nothing comes back.
+class Session_ {
+public:
+    /// Opens under `--as` or a name made of the process id. Throws a Failure_, also for a name that the
+    /// directory lists or that is too short to be answered.
+    explicit Session_(const CommonOptions_& common);
+
+    /// Opens with this directory, whoever it lists.
+    Session_(const std::string& name, const std::string& directory);
+
+    VekmsgTerminal_& terminal() { return m_terminal; }
+    const std::string& name() const { return m_name; }
+
+    struct PingReply_ {
+        enum State_ {
+            Answered,
+            NotReachable,  // nobody listens, or connecting was not finished in time
+            NoAnswer,      // connected, and no more
+        };
+        State_ m_state;
+        std::chrono::nanoseconds m_time;  // of an answer
+        std::string m_reason;             // of NotReachable
+    };
+
+    /// Sends one ping and waits for its answer. Other messages that come meanwhile are dropped.
+    PingReply_ ping(const std::string& destination, TimeSpan_ limit);
+
+    /// A ping that carries `number` and bytes to fill it up, not yet sent.
+    SP_VekMessage_ pingRequest(const std::string& destination, unsigned int number, unsigned int size);
+
+    /// Whether this is the answer to the ping with that number.
+    static bool isPingReply(VekMessage_& message, unsigned int number);
+
+    /// Whether there is any connection, be it one that is still being made.
+    bool hasConnection();
+
+    /// The next message; null when the deadline is over, or when no connection is left on which one could
+    /// come. Throws a Failure_ when the terminal fails.
+    SP_VekMessage_ receive(const Deadline_& deadline);
+
+private:
+    void open(const std::string& directory);
+
+    VekmsgTerminal_ m_terminal;
+    std::string m_name;
+    unsigned int m_pings = 0;
+};
+
+/// The name that a session opens under where nobody chose one: it differs from that of every other process.
+std::string ownName();
+
+#endif
