@@ -3,6 +3,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 #include "exit_code.h"
 #include "records.h"
 #include "session.h"
@@ -86,6 +88,24 @@ const char* wordOf(const Probe_& probe) {
         default:
             return "no-answer";
     }
+}
+
+std::string nameText(const DirectoryFile_::Entry_& entry) {
+    return entry.m_name.empty() ? "(default)" : printableText(entry.m_name);
+}
+
+Json_ jsonOf(const DirectoryFile_::Entry_& entry) {
+    Json_ json;
+    json["line"] = entry.m_line;
+    json["name"] = entry.m_name.empty() ? Json_() : readableText(entry.m_name);
+    json["address"] = readableText(entry.m_address);
+    return json;
+}
+
+void putInto(Json_& json, const Probe_& probe) {
+    json["probe"] = wordOf(probe);
+    if (probe.m_state == Probe_::Answers)
+        json["milliseconds"] = static_cast<double>(probe.m_time.count()) / 1e6;
 }
 
 bool isFault(const Probe_& probe) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "directory_file.h"
+#include "json_text.h"
 #include "output.h"
 #include "time_span.h"
 
@@ -29,6 +30,14 @@ Colour_ colourOf(const Probe_& probe);
 
 /// For programs: "answers", "not-asked", "not-served", "not-reachable", "no-answer".
 const char* wordOf(const Probe_& probe);
+
+/// How long one address may take to answer, where nobody says otherwise.
+constexpr TimeSpan_ kProbePatience(1000);
+
+/// An entry for people and for programs, and what a probe of it puts there.
+std::string nameText(const DirectoryFile_::Entry_& entry);
+Json_ jsonOf(const DirectoryFile_::Entry_& entry);
+void putInto(Json_& json, const Probe_& probe);
 
 /// Whether a caller has to be told: an answer is missing.
 bool isFault(const Probe_& probe);

@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr TimeSpan_ kProbePatience(1000);
-
 using Entry_ = DirectoryFile_::Entry_;
 
 /// The entries of the directory file, in its order.
@@ -56,20 +54,13 @@ public:
 private:
     /// The default address in use is the first one.
     std::string nameOf(const Entry_& entry) const {
-        if (!entry.m_name.empty()) return printableText(entry.m_name);
-        return m_hasDefault ? "(default, not used)" : "(default)";
+        return entry.m_name.empty() && m_hasDefault ? "(default, not used)" : nameText(entry);
     }
 
     Json_ json(const Entry_& entry, const Probe_& probed) const {
-        Json_ json;
-        json["line"] = entry.m_line;
-        json["name"] = entry.m_name.empty() ? Json_() : readableText(entry.m_name);
-        json["address"] = readableText(entry.m_address);
+        Json_ json = jsonOf(entry);
         if (entry.m_name.empty()) json["isUsedDefault"] = !m_hasDefault;
-        if (!m_isProbing) return json;
-        json["probe"] = wordOf(probed);
-        if (probed.m_state == Probe_::Answers)
-            json["milliseconds"] = static_cast<double>(probed.m_time.count()) / 1e6;
+        if (m_isProbing) putInto(json, probed);
         return json;
     }
 

@@ -25,24 +25,25 @@ void closeOutput() {
 
 /// Becomes the command. Signals are as a shell leaves them.
 int execute(const Words_& words, const How_& how) {
+    std::string program = VEKMSG_COMMAND;
     for (const std::string& setting : how.m_environment) putenv(const_cast<char*>(setting.c_str()));
     if (!how.m_folder.empty() && chdir(how.m_folder.c_str()) != 0) throw std::runtime_error("no folder");
-    if (how.m_user != 0 && getuid() == 0 && setuid(how.m_user) != 0) throw std::runtime_error("no user");
-    std::vector<char*> arguments;
-    std::string program = VEKMSG_COMMAND;
-    std::string shell = "/bin/sh";
-    std::string option = "-c";
     if (how.m_isShell) {
         const std::string path = program.substr(0, program.rfind('/')) + ':' + getenv("PATH");
         setenv("PATH", path.c_str(), 1);
-        program = shell;
+        program = "/bin/sh";
     }
+    // Opened before the user changes, who need not be allowed to look into the folder of the build.
+    const int file = open(program.c_str(), O_RDONLY | O_CLOEXEC);
+    if (how.m_user != 0 && getuid() == 0 && setuid(how.m_user) != 0) throw std::runtime_error("no user");
+    std::vector<char*> arguments;
+    std::string option = "-c";
     arguments.push_back(program.data());
     if (how.m_isShell) arguments.push_back(option.data());
     Words_ copies = words;
     for (std::string& word : copies) arguments.push_back(word.data());
     arguments.push_back(nullptr);
-    execv(program.c_str(), arguments.data());
+    fexecve(file, arguments.data(), environ);
     throw std::runtime_error("cannot run " + program);
 }
 

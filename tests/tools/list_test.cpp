@@ -51,6 +51,7 @@ TEST_F(ListVerb, jsonHasOneEntryALine) {
     EXPECT_EQ(ran.m_output,
               "{\"line\":1,\"name\":\"kitchen\",\"address\":\"local:///tmp/kitchen\"}\n"
               "{\"line\":2,\"name\":null,\"address\":\"local:///tmp/default\",\"isUsedDefault\":true}\n");
+    EXPECT_TRUE(areValid(ran.m_output, VEKMSG_TOOLS_FOLDER "/vekmsg.schema.json"));
     EXPECT_EQ(vekmsg({"list", "-D", file, "-j"}).m_output, ran.m_output);  // a file is no terminal
     EXPECT_EQ(vekmsg({"list", "-D", file, "--json=pretty"}).m_output.substr(0, 14), "{\n  \"line\": 1,");
 }
@@ -137,6 +138,7 @@ TEST_F(ListVerb, everyAddressIsProbedByItself) {
     EXPECT_NE(lines[1].find("\"probe\":\"answers\",\"milliseconds\":"), std::string::npos) << lines[1];
     EXPECT_NE(lines[2].find("\"probe\":\"not-reachable\"}"), std::string::npos) << lines[2];
     EXPECT_NE(lines[3].find("\"probe\":\"not-served\"}"), std::string::npos) << lines[3];
+    EXPECT_TRUE(areValid(ran.m_output, VEKMSG_TOOLS_FOLDER "/vekmsg.schema.json"));
 }
 
 TEST_F(ListVerb, whoListensAndKeepsSilentTimesOut) {
