@@ -24,7 +24,8 @@ std::string helpLine(const std::string& what, const std::string& help) {
 std::string optionText(const CLI::Option& option) {
     if (option.get_positional()) return option.get_name(true, false);
     if (option.check_name(kJsonOption)) return kJsonOption + std::string("[=STYLE]");
-    const std::string value = option.get_type_name();
+    const std::string type = option.get_type_name();
+    const std::string value = type.substr(0, type.find(':'));  // behind it: what CLI11 says about limits
     const bool hasValue = option.get_items_expected_max() != 0 && !value.empty();
     return option.get_name(false, true) + (hasValue ? ' ' + value : "");
 }

@@ -9,6 +9,7 @@ constexpr int kError = 3;
 constexpr int kWarning = 4;
 constexpr int kInfo = 6;
 constexpr int kAll = 7;
+constexpr int kNone = -1;
 
 CaughtRecords_* g_p_caught = nullptr;
 bool g_isVerbose = false;
@@ -27,6 +28,10 @@ const char* nameOf(int severity) {
     }
 }
 
+void passRecords() {
+    vekmsg_log_set_threshold(g_isVerbose ? kAll : kWarning);
+}
+
 void writeRecord(void*, int severity, const LogSite* p_site, const char* p_text) {
     if (g_p_caught != nullptr && severity <= kWarning) g_p_caught->add(p_text);
     if (g_isVerbose) {
@@ -41,7 +46,7 @@ void writeRecord(void*, int severity, const LogSite* p_site, const char* p_text)
 void showRecords(bool isQuiet, bool isVerbose) {
     g_isQuiet = isQuiet;
     g_isVerbose = isVerbose;
-    vekmsg_log_set_threshold(isVerbose ? kAll : kWarning);
+    passRecords();
     vekmsg_log_set_sink(writeRecord, nullptr);
 }
 
@@ -61,4 +66,12 @@ std::vector<std::string> CaughtRecords_::take() {
 
 std::string CaughtRecords_::last(const std::string& otherwise) const {
     return m_texts.empty() ? otherwise : m_texts.back();
+}
+
+NoRecords_::NoRecords_() {
+    vekmsg_log_set_threshold(kNone);
+}
+
+NoRecords_::~NoRecords_() {
+    passRecords();
 }

@@ -32,4 +32,13 @@ private:
     std::vector<std::string> m_texts;
 };
 
+/// Keeps the library from making records while it lives, -v or not: for questions that may fail.
+class NoRecords_ {
+public:
+    NoRecords_();
+    ~NoRecords_();
+    NoRecords_(const NoRecords_&) = delete;
+    NoRecords_& operator=(const NoRecords_&) = delete;
+};
+
 #endif

@@ -35,5 +35,7 @@ using UniqueVerb_ = std::unique_ptr<Verb_>;
 // Each is in the file of its name: verb_list.cpp, verb_check.cpp ...
 UniqueVerb_ createListVerb();
 UniqueVerb_ createCheckVerb();
+UniqueVerb_ createDecodeVerb();
+UniqueVerb_ createEncodeVerb();
 
 #endif
