@@ -40,8 +40,13 @@ std::string ownName() {
     return "vekmsg-" + std::to_string(getpid());
 }
 
-Session_::Session_(const CommonOptions_& common)
-    : m_name(nameFor(common, DirectoryFile_(common.directory()))) {
+Session_::Session_(const CommonOptions_& common, const std::vector<std::string>& peers) {
+    const DirectoryFile_ directory(common.directory());
+    m_name = nameFor(common, directory);
+    for (const std::string& peer : peers) {
+        if (!directory.lists(peer))
+            throw Failure_(ExitCode_::Directory, peer + " is not listed in " + common.directory());
+    }
     open(common.directory());
 }
 
@@ -86,25 +91,38 @@ bool Session_::hasConnection() {
     return !m_terminal.fillPollFdArray(entries, count) || count != 0;
 }
 
+void Session_::waitForEvents(unsigned int ms) {
+    pollfd entry = {m_p_signals == nullptr ? -1 : m_p_signals->descriptor(), POLLIN, 0};
+    if (VekmsgTerminal_::pollFd(&entry, 1, ms, &m_terminal, nullptr) == VekmsgTerminal_::POLL_ERROR)
+        throw Failure_(ExitCode_::Refused, "the terminal cannot wait");
+}
+
 SP_VekMessage_ Session_::receive(const Deadline_& deadline) {
     for (;;) {
         SP_VekMessage_ sp_message;
         if (!m_terminal.receiveMessage(sp_message))
             throw Failure_(ExitCode_::Refused, "the terminal cannot receive");
-        if (sp_message || deadline.isOver() || !hasConnection()) return sp_message;
-        if (m_terminal.waitForMessage(std::min(deadline.leftMs(), kLongestSliceMs)) ==
-            VekmsgTerminal_::WAIT_ERROR)
-            throw Failure_(ExitCode_::Refused, "the terminal cannot wait");
+        if (sp_message || deadline.isOver() || isEnding() || !hasConnection()) return sp_message;
+        waitForEvents(std::min(deadline.leftMs(), kLongestSliceMs));
     }
 }
 
-Session_::PingReply_ Session_::ping(const std::string& destination, TimeSpan_ limit) {
+void Session_::work(const Deadline_& deadline) {
+    for (;;) {
+        while (receive(deadline)) {
+        }
+        if (deadline.isOver() || isEnding()) return;
+        waitForEvents(std::min(deadline.leftMs(), kLongestSliceMs));
+    }
+}
+
+Session_::PingReply_ Session_::ping(const std::string& destination, TimeSpan_ limit, unsigned int size) {
     const unsigned int number = ++m_pings;
     const auto start = std::chrono::steady_clock::now();
     const Deadline_ deadline(limit);
     {
         CaughtRecords_ records;
-        const SP_VekMessage_ sp_request = pingRequest(destination, number, 0);
+        const SP_VekMessage_ sp_request = pingRequest(destination, number, size);
         if (!sp_request || !m_terminal.sendMessage(sp_request))
             return {PingReply_::NotReachable, {}, records.last("nobody listens there")};
     }

@@ -3,7 +3,9 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
+#include "signals.h"
 #include "time_span.h"
 #include "vekmsg/vekmsg.h"
 
@@ -26,12 +28,17 @@ constexpr char kPingReply[] = "VEK Pinger Reply Format version 1.0";
 /// address, reaches out, and is answered on its own connections. Through a relay nothing comes back.
 class Session_ {
 public:
-    /// Opens under `--as` or a name made of the process id. Throws a Failure_, also for a name that the
-    /// directory lists or that is too short to be answered.
-    explicit Session_(const CommonOptions_& common);
+    /// Opens under `--as` or a name made of the process id, to talk to `peers`. Throws a Failure_, also for
+    /// an own name that the directory lists or that is too short to be answered, and for a peer that the
+    /// directory does not list.
+    Session_(const CommonOptions_& common, const std::vector<std::string>& peers);
 
     /// Opens with this directory, whoever it lists.
     Session_(const std::string& name, const std::string& directory);
+
+    /// From now on waits end when a signal has come that ends the command.
+    void watch(Signals_& signals) { m_p_signals = &signals; }
+    bool isEnding() const { return m_p_signals != nullptr && m_p_signals->isEnding(); }
 
     VekmsgTerminal_& terminal() { return m_terminal; }
     const std::string& name() const { return m_name; }
@@ -47,8 +54,9 @@ public:
         std::string m_reason;             // of NotReachable
     };
 
-    /// Sends one ping and waits for its answer. Other messages that come meanwhile are dropped.
-    PingReply_ ping(const std::string& destination, TimeSpan_ limit);
+    /// Sends one ping with `size` bytes to fill it up, and waits for its answer. Other messages that come
+    /// meanwhile are dropped.
+    PingReply_ ping(const std::string& destination, TimeSpan_ limit, unsigned int size = 0);
 
     /// A ping that carries `number` and bytes to fill it up, not yet sent.
     SP_VekMessage_ pingRequest(const std::string& destination, unsigned int number, unsigned int size);
@@ -59,13 +67,18 @@ public:
     /// Whether there is any connection, be it one that is still being made.
     bool hasConnection();
 
-    /// The next message; null when the deadline is over, or when no connection is left on which one could
-    /// come. Throws a Failure_ when the terminal fails.
+    /// The next message; null when the deadline is over, when a signal ends the command, or when no
+    /// connection is left on which a message could come. Throws a Failure_ when the terminal fails.
     SP_VekMessage_ receive(const Deadline_& deadline);
+
+    /// Works on the terminal until the deadline, and drops what comes, unless a signal ends the command.
+    void work(const Deadline_& deadline);
 
 private:
     void open(const std::string& directory);
+    void waitForEvents(unsigned int ms);
 
+    Signals_* m_p_signals = nullptr;
     VekmsgTerminal_ m_terminal;
     std::string m_name;
     unsigned int m_pings = 0;

@@ -37,5 +37,7 @@ UniqueVerb_ createListVerb();
 UniqueVerb_ createCheckVerb();
 UniqueVerb_ createDecodeVerb();
 UniqueVerb_ createEncodeVerb();
+UniqueVerb_ createPingVerb();
+UniqueVerb_ createWaitVerb();
 
 #endif
