@@ -16,7 +16,7 @@ constexpr VekmsgTag_ kNumberTag = 1;
 constexpr VekmsgTag_ kFillTag = 2;
 constexpr std::size_t kShortestName = 3;
 constexpr unsigned int kMostConnections = 128;
-constexpr unsigned int kLongestSliceMs = 100;  // so that a connection that ends is noticed soon
+constexpr unsigned int kListeningSliceMs = 1000;
 
 /// What a ping carries. Answers to pings that an earlier process of this name sent must not count.
 unsigned int marked(unsigned int number) {
@@ -58,7 +58,9 @@ Session_::Session_(const std::string& name, const std::string& directory) : m_na
 void Session_::open(const std::string& directory) {
     CaughtRecords_ records;
     if (!m_terminal.open(utf8(m_name), directory.c_str()))
-        throw Failure_(ExitCode_::Directory, "cannot open a terminal: " + records.last("no memory"));
+        throw Failure_(ExitCode_::Directory,
+                       "cannot open a terminal: " + records.last("an address cannot be listened on"));
+    if (hasConnection()) m_longestSliceMs = kListeningSliceMs;
 }
 
 SP_VekMessage_ Session_::pingRequest(const std::string& destination, unsigned int number, unsigned int size) {
@@ -91,6 +93,14 @@ bool Session_::hasConnection() {
     return !m_terminal.fillPollFdArray(entries, count) || count != 0;
 }
 
+bool Session_::hasUnwritten() {
+    pollfd entries[kMostConnections];
+    unsigned int count = kMostConnections;
+    if (!m_terminal.fillPollFdArray(entries, count)) return false;
+    return std::any_of(entries, entries + count,
+                       [](const pollfd& entry) { return (entry.events & POLLOUT) != 0; });
+}
+
 void Session_::waitForEvents(unsigned int ms) {
     pollfd entry = {m_p_signals == nullptr ? -1 : m_p_signals->descriptor(), POLLIN, 0};
     if (VekmsgTerminal_::pollFd(&entry, 1, ms, &m_terminal, nullptr) == VekmsgTerminal_::POLL_ERROR)
@@ -103,8 +113,15 @@ SP_VekMessage_ Session_::receive(const Deadline_& deadline) {
         if (!m_terminal.receiveMessage(sp_message))
             throw Failure_(ExitCode_::Refused, "the terminal cannot receive");
         if (sp_message || deadline.isOver() || isEnding() || !hasConnection()) return sp_message;
-        waitForEvents(std::min(deadline.leftMs(), kLongestSliceMs));
+        waitForEvents(std::min(deadline.leftMs(), m_longestSliceMs));
     }
+}
+
+void Session_::workOnce(const Deadline_& deadline) {
+    SP_VekMessage_ sp_message;
+    if (!m_terminal.receiveMessage(sp_message))
+        throw Failure_(ExitCode_::Refused, "the terminal cannot receive");
+    if (hasUnwritten()) waitForEvents(std::min(deadline.leftMs(), m_longestSliceMs));
 }
 
 void Session_::work(const Deadline_& deadline) {
@@ -112,7 +129,7 @@ void Session_::work(const Deadline_& deadline) {
         while (receive(deadline)) {
         }
         if (deadline.isOver() || isEnding()) return;
-        waitForEvents(std::min(deadline.leftMs(), kLongestSliceMs));
+        waitForEvents(std::min(deadline.leftMs(), m_longestSliceMs));
     }
 }
 

@@ -67,9 +67,15 @@ public:
     /// Whether there is any connection, be it one that is still being made.
     bool hasConnection();
 
+    /// Whether something waits to be written, or a connection is still being made.
+    bool hasUnwritten();
+
     /// The next message; null when the deadline is over, when a signal ends the command, or when no
     /// connection is left on which a message could come. Throws a Failure_ when the terminal fails.
     SP_VekMessage_ receive(const Deadline_& deadline);
+
+    /// Works on the terminal once, waiting a little for something to do. Drops what comes.
+    void workOnce(const Deadline_& deadline);
 
     /// Works on the terminal until the deadline, and drops what comes, unless a signal ends the command.
     void work(const Deadline_& deadline);
@@ -82,6 +88,7 @@ private:
     VekmsgTerminal_ m_terminal;
     std::string m_name;
     unsigned int m_pings = 0;
+    unsigned int m_longestSliceMs = 100;  // so that a connection that ends is noticed soon
 };
 
 /// The name that a session opens under where nobody chose one: it differs from that of every other process.

@@ -38,6 +38,9 @@ UniqueVerb_ createCheckVerb();
 UniqueVerb_ createDecodeVerb();
 UniqueVerb_ createEncodeVerb();
 UniqueVerb_ createPingVerb();
+UniqueVerb_ createSendVerb();
+UniqueVerb_ createCallVerb();
+UniqueVerb_ createListenVerb();
 UniqueVerb_ createWaitVerb();
 
 #endif

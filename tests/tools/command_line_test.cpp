@@ -43,6 +43,16 @@ std::string shell(const std::string& line, const std::string& folder) {
     return ran.m_exitCode == 0 ? "" : std::to_string(ran.m_exitCode) + ": " + ran.m_output + ran.m_errors;
 }
 
+/// Sends messages to a component that is there now and then.
+int sendForEver(const std::string& destination, const std::string& directory) {
+    vekmsg_log_set_threshold(-1);
+    Station_ station("postman", directory);
+    for (;;) {
+        station.send(destination, "news", 7);
+        station.terminal().waitForMessage(20);
+    }
+}
+
 }  // namespace
 
 TEST(CommandLine, theVersionIsTheLibrarys) {
@@ -81,7 +91,13 @@ TEST(CommandLine, theHelpOfEachVerbShowsTwoExamplesThatWork) {
     const std::string directory = folder.writeFile(
         "shop.directory",
         {folder.localAddress("kitchen.sock") + " kitchen", folder.localAddress("default.sock")});
-    const Component_ kitchen("kitchen", directory);
+    const Component_ kitchen("kitchen", directory, [](Station_& station, const SP_VekMessage_& sp_message) {
+        sp_message->swapSourceDestination();
+        station.terminal().sendMessage(sp_message);
+    });
+    const std::string cellar =
+        folder.writeFile("cellar.directory", {folder.localAddress("cellar.sock") + " cellar"});
+    const ChildProcess_ postman([&] { return sendForEver("cellar", cellar); });
     for (const std::string& verb : verbs()) {
         const Words_ examples = examplesOf(verb);
         EXPECT_EQ(examples.size(), 2U) << verb;
