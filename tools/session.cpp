@@ -34,6 +34,21 @@ std::string nameFor(const CommonOptions_& common, const DirectoryFile_& director
     return common.m_as;
 }
 
+/// What a terminal waits for at this moment.
+struct PollEntries_ {
+    explicit PollEntries_(VekmsgTerminal_& terminal) {
+        if (!terminal.fillPollFdArray(m_entries, m_count))
+            throw Failure_(ExitCode_::Refused, "the terminal cannot wait");
+    }
+    bool hasWriting() const {
+        return std::any_of(m_entries, m_entries + m_count,
+                           [](const pollfd& entry) { return (entry.events & POLLOUT) != 0; });
+    }
+
+    pollfd m_entries[kMostConnections];
+    unsigned int m_count = kMostConnections;
+};
+
 }  // namespace
 
 std::string ownName() {
@@ -88,17 +103,11 @@ bool Session_::isPingReply(VekMessage_& message, unsigned int number) {
 
 // A terminal without an address listens nowhere: its descriptors are those of its connections.
 bool Session_::hasConnection() {
-    pollfd entries[kMostConnections];
-    unsigned int count = kMostConnections;
-    return !m_terminal.fillPollFdArray(entries, count) || count != 0;
+    return PollEntries_(m_terminal).m_count != 0;
 }
 
 bool Session_::hasUnwritten() {
-    pollfd entries[kMostConnections];
-    unsigned int count = kMostConnections;
-    if (!m_terminal.fillPollFdArray(entries, count)) return false;
-    return std::any_of(entries, entries + count,
-                       [](const pollfd& entry) { return (entry.events & POLLOUT) != 0; });
+    return PollEntries_(m_terminal).hasWriting();
 }
 
 void Session_::waitForEvents(unsigned int ms) {
@@ -121,7 +130,11 @@ void Session_::workOnce(const Deadline_& deadline) {
     SP_VekMessage_ sp_message;
     if (!m_terminal.receiveMessage(sp_message))
         throw Failure_(ExitCode_::Refused, "the terminal cannot receive");
-    if (hasUnwritten()) waitForEvents(std::min(deadline.leftMs(), m_longestSliceMs));
+    // Not the terminal's own wait, which ends for messages and not for room to write.
+    PollEntries_ entries(m_terminal);
+    if (entries.hasWriting())
+        poll(entries.m_entries, entries.m_count,
+             static_cast<int>(std::min(deadline.leftMs(), m_longestSliceMs)));
 }
 
 void Session_::work(const Deadline_& deadline) {
