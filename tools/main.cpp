@@ -11,8 +11,9 @@ namespace {
 
 std::vector<UniqueVerb_> createVerbs() {
     std::vector<UniqueVerb_> verbs;
-    for (auto* p_create : {createListVerb, createCheckVerb, createPingVerb, createWaitVerb, createSendVerb,
-                           createCallVerb, createListenVerb, createDecodeVerb, createEncodeVerb})
+    for (auto* p_create :
+         {createListVerb, createCheckVerb, createPingVerb, createWaitVerb, createSendVerb, createCallVerb,
+          createListenVerb, createRelayVerb, createDecodeVerb, createEncodeVerb})
         verbs.push_back(p_create());
     return verbs;
 }

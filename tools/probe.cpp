@@ -35,6 +35,8 @@ private:
     int m_descriptor;
 };
 
+constexpr TimeSpan_ kPresencePatience(500);  // who takes a connection need not answer to be there
+
 bool isServed(const std::string& text) {
     VekSocketAddress_ address;
     CaughtRecords_ records;
@@ -53,6 +55,19 @@ Probe_ probe(const DirectoryFile_::Entry_& entry, TimeSpan_ limit) {
     const Session_::PingReply_ reply = session.ping(entry.m_name, limit);
     if (reply.m_state == Session_::PingReply_::Answered) return {Probe_::Answers, reply.m_time};
     return {reply.m_state == Session_::PingReply_::NoAnswer ? Probe_::NoAnswer : Probe_::NotReachable, {}};
+}
+
+void refuseWhereServed(const std::string& path, const std::string& name, bool isTakingOver) {
+    const DirectoryFile_ directory(path);
+    if (!directory.lists(name)) throw Failure_(ExitCode_::Directory, name + " is not listed in " + path);
+    if (isTakingOver) return;
+    for (const DirectoryFile_::Entry_& entry : directory.entries()) {
+        if (entry.m_name != name) continue;
+        const Probe_::State_ state = probe(entry, kPresencePatience).m_state;
+        if (state == Probe_::Answers || state == Probe_::NoAnswer)
+            throw Failure_(ExitCode_::Refused, "somebody serves " + name + " at " + entry.m_address +
+                                                   "; --take-over pushes it aside");
+    }
 }
 
 std::string textOf(const Probe_& probe) {

@@ -24,6 +24,10 @@ struct Probe_ {
 
 Probe_ probe(const DirectoryFile_::Entry_& entry, TimeSpan_ limit);
 
+/// Throws a Failure_ when the directory does not list that name or, unless it is to be taken over, when
+/// somebody listens at one of its addresses: opening it would take over the socket files.
+void refuseWhereServed(const std::string& path, const std::string& name, bool isTakingOver);
+
 /// For people: "answers (0.250 ms)", "not reachable" ... and the colour that it deserves.
 std::string textOf(const Probe_& probe);
 Colour_ colourOf(const Probe_& probe);

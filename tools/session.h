@@ -74,6 +74,9 @@ public:
     /// connection is left on which a message could come. Throws a Failure_ when the terminal fails.
     SP_VekMessage_ receive(const Deadline_& deadline);
 
+    /// Waits for messages, or for a signal.
+    void waitForEvents(unsigned int ms);
+
     /// Works on the terminal once, waiting a little for something to do. Drops what comes.
     void workOnce(const Deadline_& deadline);
 
@@ -82,7 +85,6 @@ public:
 
 private:
     void open(const std::string& directory);
-    void waitForEvents(unsigned int ms);
 
     Signals_* m_p_signals = nullptr;
     VekmsgTerminal_ m_terminal;

@@ -41,6 +41,7 @@ UniqueVerb_ createPingVerb();
 UniqueVerb_ createSendVerb();
 UniqueVerb_ createCallVerb();
 UniqueVerb_ createListenVerb();
+UniqueVerb_ createRelayVerb();
 UniqueVerb_ createWaitVerb();
 
 #endif

@@ -1,5 +1,3 @@
-#include <nlohmann/json.hpp>
-
 #include "input.h"
 #include "message_output.h"
 #include "message_source.h"
@@ -10,7 +8,6 @@
 
 namespace {
 
-constexpr TimeSpan_ kProbe(500);  // for whoever may be there already
 constexpr TimeSpan_ kSlice(1000);
 constexpr unsigned int kMostMessages = 1000000000;
 
@@ -43,7 +40,7 @@ public:
         messages.setFormat(m_format);
         const std::string reply = m_replyFile.empty() ? "" : readInput(m_replyFile);
         if (!m_replyFile.empty()) MessageSource_().readText(m_name, reply);  // a bad one is told of at once
-        refuseWhereServed(common);
+        refuseWhereServed(common.directory(), m_name, m_isTakingOver);
         Signals_ signals;
         Session_ session(m_name, common.directory());
         session.watch(signals);
@@ -60,20 +57,6 @@ public:
     }
 
 private:
-    void refuseWhereServed(const CommonOptions_& common) const {
-        const DirectoryFile_ directory(common.directory());
-        if (!directory.lists(m_name))
-            throw Failure_(ExitCode_::Directory, m_name + " is not listed in " + common.directory());
-        if (m_isTakingOver) return;
-        for (const DirectoryFile_::Entry_& entry : directory.entries()) {
-            if (entry.m_name != m_name) continue;
-            const Probe_::State_ state = probe(entry, kProbe).m_state;
-            if (state == Probe_::Answers || state == Probe_::NoAnswer)
-                throw Failure_(ExitCode_::Refused, "somebody serves " + m_name + " at " + entry.m_address +
-                                                       "; --take-over pushes it aside");
-        }
-    }
-
     /// The next message; null when the time is over or a signal came.
     SP_VekMessage_ next(Session_& session, const Deadline_& deadline) const {
         for (;;) {
