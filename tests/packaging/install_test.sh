@@ -45,6 +45,17 @@ if grep --recursive --files-with-matches --fixed-strings -e "$scratch" -e "$head
     fail "these files carry a path of the build"
 fi
 
+if [ -e "$build/tools/vekmsg" ]; then
+    printf '%s\n' "--- the command, and what belongs to it"
+    [ "$("$place/bin/vekmsg" --version)" = "vekmsg $version" ] || fail "the command is not of version $version"
+    check_loads "$place/bin/vekmsg" ""
+    files=(share/vekmsg/vekmsg.schema.json lib/systemd/system/vekmsg-relay@.service)
+    if command -v scdoc >/dev/null; then files+=(share/man/man1/vekmsg.1 share/man/man5/vek.names.directory.5); fi
+    for file in "${files[@]}"; do
+        [ -s "$place/$file" ] || fail "no $file"
+    done
+fi
+
 printf '%s\n' "--- find_package, shared"
 build_with_cmake vekmsg::vekmsg "$scratch/shared"
 check_loads "$scratch/shared/consumer" libvekmsg.so.1

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <map>
+#include <regex>
 
 #include "tools/command.h"
 #include "tools/component.h"
@@ -133,4 +134,27 @@ TEST(CommandLine, optionsOfEveryVerbStandBeforeOrBehindIt) {
 
     EXPECT_EQ(vekmsg({"-D", directory, "--json", "list"}).m_output,
               vekmsg({"list", "--json", "--directory=" + directory}).m_output);
+}
+
+TEST(Manual, namesEveryVerbAndOption) {
+    const std::string manual = readFile(VEKMSG_TOOLS_FOLDER "/man/vekmsg.1.scd");
+    static const std::regex s_option("^  (-[-a-zA-Z]+)(?:,(-[-a-zA-Z]+))?");
+    unsigned int options = 0;
+    Words_ helps = {vekmsg({"--help"}).m_output};
+    for (const std::string& verb : verbs()) {
+        EXPECT_NE(manual.find("\n*" + verb + "*"), std::string::npos) << verb;
+        helps.push_back(vekmsg({verb, "--help"}).m_output);
+    }
+    for (const std::string& help : helps) {
+        for (const std::string& line : linesOf(help)) {
+            std::smatch parts;
+            if (!std::regex_search(line, parts, s_option)) continue;
+            // Either of its two names will do.
+            const bool isNamed = manual.find('*' + parts[1].str()) != std::string::npos ||
+                                 (parts[2].matched && manual.find('*' + parts[2].str()) != std::string::npos);
+            EXPECT_TRUE(isNamed) << line;
+            ++options;
+        }
+    }
+    EXPECT_GT(options, 30U);
 }
