@@ -13,7 +13,7 @@ std::vector<UniqueVerb_> createVerbs() {
     std::vector<UniqueVerb_> verbs;
     for (auto* p_create :
          {createListVerb, createCheckVerb, createPingVerb, createWaitVerb, createSendVerb, createCallVerb,
-          createListenVerb, createRelayVerb, createDecodeVerb, createEncodeVerb})
+          createListenVerb, createRelayVerb, createDecodeVerb, createEncodeVerb, createCompletionVerb})
         verbs.push_back(p_create());
     return verbs;
 }

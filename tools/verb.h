@@ -42,6 +42,7 @@ UniqueVerb_ createSendVerb();
 UniqueVerb_ createCallVerb();
 UniqueVerb_ createListenVerb();
 UniqueVerb_ createRelayVerb();
+UniqueVerb_ createCompletionVerb();
 UniqueVerb_ createWaitVerb();
 
 #endif

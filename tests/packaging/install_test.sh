@@ -49,7 +49,8 @@ if [ -e "$build/tools/vekmsg" ]; then
     printf '%s\n' "--- the command, and what belongs to it"
     [ "$("$place/bin/vekmsg" --version)" = "vekmsg $version" ] || fail "the command is not of version $version"
     check_loads "$place/bin/vekmsg" ""
-    files=(share/vekmsg/vekmsg.schema.json lib/systemd/system/vekmsg-relay@.service)
+    files=(share/vekmsg/vekmsg.schema.json lib/systemd/system/vekmsg-relay@.service
+        share/bash-completion/completions/vekmsg share/zsh/site-functions/_vekmsg)
     if command -v scdoc >/dev/null; then files+=(share/man/man1/vekmsg.1 share/man/man5/vek.names.directory.5); fi
     for file in "${files[@]}"; do
         [ -s "$place/$file" ] || fail "no $file"
