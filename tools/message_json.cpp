@@ -59,12 +59,29 @@ std::string nameOf(const std::string& payload) {
     throw Failure_(ExitCode_::BadData, (place.empty() ? "the document" : place) + ' ' + reason);
 }
 
+/// A place in a document, "/payload/elements/2". A chain of such on the stack: as a text for each of
+/// thousands of levels it would take hundreds of megabytes.
+struct Place_ {
+    std::string text() const {
+        if (m_p_outer == nullptr) return "";
+        return m_p_outer->text() + '/' + (m_p_name != nullptr ? m_p_name : std::to_string(m_index));
+    }
+    std::string text(const std::string& member) const { return text() + '/' + member; }
+
+    const Place_* m_p_outer = nullptr;  // null: the document
+    const char* m_p_name = nullptr;     // of a member; null: an index
+    std::size_t m_index = 0;
+};
+
+const Place_ g_document;
+
 /// An object being read, which knows its place in the document: "/payload/elements/2".
 class Object_ {
 public:
-    Object_(const Json_& json, const std::string& place, const std::set<std::string>& members)
+    /// `place` is borrowed.
+    Object_(const Json_& json, const Place_& place, const std::set<std::string>& members)
         : m_json(json), m_place(place) {
-        if (!json.is_object()) fail(place, "is no object");
+        if (!json.is_object()) fail(place.text(), "is no object");
         for (const auto& member : json.items())
             if (members.count(member.key()) == 0) fail(placeOf(member.key()), "is not known here");
     }
@@ -76,7 +93,8 @@ public:
         return m_json[p_name];
     }
 
-    std::string placeOf(const std::string& name) const { return m_place + '/' + name; }
+    std::string placeOf(const std::string& name) const { return m_place.text(name); }
+    const Place_& place() const { return m_place; }
 
     unsigned int number(const char* p_name, unsigned int most) const {
         const Json_& value = at(p_name);
@@ -99,7 +117,7 @@ public:
         if (value.is_string()) {
             text = value.get<std::string>();
         } else if (value.is_object()) {
-            text = Object_(value, placeOf(p_name), {"bytes"}).hex("bytes");
+            text = Object_(value, Place_{&m_place, p_name}, {"bytes"}).hex("bytes");
         } else {
             fail(placeOf(p_name), "is neither a text nor its bytes");
         }
@@ -109,52 +127,49 @@ public:
 
 private:
     const Json_& m_json;
-    std::string m_place;
+    const Place_& m_place;
 };
 
-SP_VekmsgElement_ readElement(const Json_& json, const std::string& place, unsigned int depth, bool isRoot);
+SP_VekmsgElement_ readElement(const Json_& json, const Place_& place, unsigned int depth, bool isRoot);
 
-void readElements(const Object_& object, const std::string& place, unsigned int depth,
-                  VekmsgElement_& element) {
+void readElements(const Object_& object, unsigned int depth, VekmsgElement_& element) {
     const Json_& children = object.at("elements");
-    if (!children.is_array() || children.empty()) fail(place + "/elements", "is no array of elements");
-    for (std::size_t i = 0; i < children.size(); ++i) {
-        const std::string child = place + "/elements/" + std::to_string(i);
-        if (!element.addSubelements(readElement(children[i], child, depth + 1, false)))
-            fail(child, "has no place");
-    }
+    if (!children.is_array() || children.empty()) fail(object.placeOf("elements"), "is no array of elements");
+    const Place_ elements{&object.place(), "elements"};
+    for (std::size_t i = 0; i < children.size(); ++i)
+        element.addSubelements(readElement(children[i], Place_{&elements, nullptr, i}, depth + 1, false));
 }
 
-void readValue(const Object_& object, const std::string& place, VekmsgElement_& element) {
+void readValue(const Object_& object, VekmsgElement_& element) {
     if (object.has("uint")) {
         element.setValue(object.number("uint", kMostUint32));
     } else if (object.has("string")) {
         const std::string text = object.text("string");
-        if (text.size() > kLongestText) fail(place + "/string", "has more than 9399 bytes");
+        if (text.size() > kLongestText) fail(object.placeOf("string"), "has more than 9399 bytes");
         element.setValue(utf8(text));
     } else {
         const std::string bytes = object.hex("binary");
-        if (bytes.size() > VEKMSG_MAX_VALUE_SIZE) fail(place + "/binary", "has more than 9400 bytes");
+        if (bytes.size() > VEKMSG_MAX_VALUE_SIZE) fail(object.placeOf("binary"), "has more than 9400 bytes");
         element.setValue(reinterpret_cast<const unsigned char*>(bytes.data()),
                          static_cast<unsigned int>(bytes.size()));
     }
 }
 
-SP_VekmsgElement_ readElement(const Json_& json, const std::string& place, unsigned int depth, bool isRoot) {
-    static const std::set<std::string> s_members = {"tag", "uint", "string", "binary", "elements"};
-    static const std::set<std::string> s_rootMembers = {"tag",    "uint",     "string",
-                                                        "binary", "elements", "encoded"};
+const std::set<std::string> g_elementMembers = {"tag", "uint", "string", "binary", "elements"};
+const std::set<std::string> g_rootMembers = {"tag", "uint", "string", "binary", "elements", "encoded"};
+
+SP_VekmsgElement_ readElement(const Json_& json, const Place_& place, unsigned int depth, bool isRoot) {
     if (depth > kDeepest) fail("an element", "lies too deep");
-    const Object_ object(json, place, isRoot ? s_rootMembers : s_members);
+    const Object_ object(json, place, isRoot ? g_rootMembers : g_elementMembers);
     unsigned int values = 0;
     for (const char* p_value : {"uint", "string", "binary", "elements"})
         values += object.has(p_value) ? 1 : 0;
-    if (values != 1) fail(place, "has not one of uint, string, binary and elements");
+    if (values != 1) fail(place.text(), "has not one of uint, string, binary and elements");
     const SP_VekmsgElement_ sp_element = createMessage()->createElement(object.number("tag", kMostUint16));
     if (object.has("elements")) {
-        readElements(object, place, depth, *sp_element);
+        readElements(object, depth, *sp_element);
     } else {
-        readValue(object, place, *sp_element);
+        readValue(object, *sp_element);
     }
     return sp_element;
 }
@@ -170,14 +185,12 @@ std::string checkedBytes(const std::string& given, const std::string& place,
 }
 
 std::string elementBytes(const Json_& json) {
-    const SP_VekmsgElement_ sp_element = readElement(json, "", 0, true);
+    const SP_VekmsgElement_ sp_element = readElement(json, g_document, 0, true);
     if (!json.contains("encoded")) return encodeElement(*sp_element);
-    return checkedBytes(
-        Object_(json, "", {"tag", "uint", "string", "binary", "elements", "encoded"}).hex("encoded"),
-        "/encoded", sp_element);
+    return checkedBytes(Object_(json, g_document, g_rootMembers).hex("encoded"), "/encoded", sp_element);
 }
 
-Object_ messageObject(const Json_& json, const std::string& place) {
+Object_ messageObject(const Json_& json, const Place_& place) {
     return Object_(
         json, place,
         {"destination", "source", "timeToLive", "schema", "payload", "payloadBytes", "headerBytes"});
@@ -196,7 +209,7 @@ SP_VekMessage_ readHeader(const Object_& object) {
 std::string readPayload(const Object_& object) {
     const Json_& payload = object.at("payload");
     if (payload.is_null()) return object.has("payloadBytes") ? object.hex("payloadBytes") : "";
-    const SP_VekmsgElement_ sp_element = readElement(payload, object.placeOf("payload"), 0, false);
+    const SP_VekmsgElement_ sp_element = readElement(payload, Place_{&object.place(), "payload"}, 0, false);
     if (!object.has("payloadBytes")) return encodeElement(*sp_element);
     return checkedBytes(object.hex("payloadBytes"), object.placeOf("payloadBytes"), sp_element);
 }
@@ -213,7 +226,7 @@ std::string readHeaderBytes(const Object_& object) {
     return given;
 }
 
-std::string messageBytes(const Json_& json, const std::string& place) {
+std::string messageBytes(const Json_& json, const Place_& place) {
     const Object_ object = messageObject(json, place);
     const std::string header = readHeaderBytes(object);
     return header + readPayload(object);
@@ -230,7 +243,7 @@ std::string withLength(const std::string& bytes, const std::string& place) {
 }
 
 std::string itemBytes(const Json_& json) {
-    const Object_ object(json, "", {"tag", "type", "value"});
+    const Object_ object(json, g_document, {"tag", "type", "value"});
     const std::string tag = uint16Bytes(object.number("tag", kMostUint16));
     const std::string type = uint16Bytes(object.number("type", kMostUint16));
     return tag + type + withLength(object.hex("value"), "/value");
@@ -246,14 +259,15 @@ std::string nameBytes(const Object_& object) {
 }
 
 std::string blockBytes(const Json_& json) {
-    const Object_ object(json, "", {"block", "name", "message", "bytes"});
+    const Object_ object(json, g_document, {"block", "name", "message", "bytes"});
     const unsigned int type = object.number("block", kMostUint16);
     if (object.has("name") && type != kNameBlock) fail("/name", "belongs into a block of type 1");
     if (object.has("message") && (type != kMessageBlock || object.has("bytes")))
         fail("/message", "belongs into a block of type 2, without bytes beside it");
-    const std::string payload = type == kNameBlock      ? nameBytes(object)
-                                : object.has("message") ? messageBytes(object.at("message"), "/message")
-                                                        : object.hex("bytes");
+    const std::string payload = type == kNameBlock ? nameBytes(object)
+                                : object.has("message")
+                                    ? messageBytes(object.at("message"), Place_{&g_document, "message"})
+                                    : object.hex("bytes");
     return uint16Bytes(type) + withLength(payload, "");
 }
 
@@ -373,7 +387,7 @@ std::vector<Json_> parseDocuments(const std::string& text) {
 }
 
 SP_VekMessage_ messageOf(const Json_& json) {
-    const Object_ object = messageObject(json, "");
+    const Object_ object = messageObject(json, g_document);
     const SP_VekMessage_ sp_message = readHeader(object);
     readHeaderBytes(object);
     const std::string payload = readPayload(object);
@@ -383,14 +397,14 @@ SP_VekMessage_ messageOf(const Json_& json) {
 }
 
 SP_VekmsgElement_ elementOf(const Json_& json) {
-    return readElement(json, "", 0, false);
+    return readElement(json, g_document, 0, false);
 }
 
 std::string bytesOf(const Json_& json) {
     if (!json.is_object()) fail("", "is no object");
     if (json.contains("block")) return blockBytes(json);
-    if (json.contains("destination")) return messageBytes(json, "");
+    if (json.contains("destination")) return messageBytes(json, g_document);
     if (json.contains("type")) return itemBytes(json);
     if (json.contains("tag")) return elementBytes(json);
-    return Object_(json, "", {"bytes"}).hex("bytes");
+    return Object_(json, g_document, {"bytes"}).hex("bytes");
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -21,6 +22,14 @@ void closeOutput() {
     if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) throw std::runtime_error("no pipe");
     close(ends[0]);
     close(ends[1]);
+}
+
+/// The sanitizers take several times the stack, which counts for the deepest trees.
+void widenStack() {
+#ifdef __SANITIZE_ADDRESS__
+    const rlimit wide = {256 << 20, RLIM_INFINITY};
+    setrlimit(RLIMIT_STACK, &wide);
+#endif
 }
 
 /// Becomes the command. Signals are as a shell leaves them.
@@ -43,6 +52,7 @@ int execute(const Words_& words, const How_& how) {
     Words_ copies = words;
     for (std::string& word : copies) arguments.push_back(word.data());
     arguments.push_back(nullptr);
+    widenStack();
     fexecve(file, arguments.data(), environ);
     throw std::runtime_error("cannot run " + program);
 }
