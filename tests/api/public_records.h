@@ -9,8 +9,8 @@
 #include "support/allocation_failure.h"
 #include "support/record_capture.h"
 #include "support/record_notes.h"
-#include "support/utf8_text.h"
 #include "support/terminal_records.h"
+#include "support/utf8_text.h"
 #include "vekmsg/vekmsg.h"
 
 /// States what a public call returns and which records it writes, complete and in order. The proof of the

@@ -12,10 +12,10 @@
 #include "support/raw_peer.h"
 #include "support/record_capture.h"
 #include "support/temporary_folder.h"
+#include "support/terminal_records.h"
 #include "support/utf8_text.h"
 #include "support/wire_bytes.h"
 #include "terminal/terminal_impl.h"
-#include "support/terminal_records.h"
 
 using Bytes_ = std::string;
 
