@@ -11,8 +11,8 @@ constexpr std::size_t kTrialSize = 4096;
 }  // namespace
 
 bool canNoteThreadEnd() noexcept {
-    void* volatile p_trial =
-        std::malloc(kTrialSize);  // volatile: compilers leave out what is only given back
+    // Volatile, because compilers leave out what is only taken and given back.
+    void* volatile p_trial = std::malloc(kTrialSize);
     const bool hasMemory = p_trial != nullptr;
     std::free(p_trial);
     return hasMemory;
