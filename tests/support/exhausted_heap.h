@@ -8,17 +8,17 @@
 #include <cstdlib>
 #include <stdexcept>
 
-// Sanitizers have a heap of their own, which takes no address space to be short of memory.
-#if defined(__SANITIZE_ADDRESS__)
-#define VEKMSG_CAN_EXHAUST_HEAP 0
-#else
-#define VEKMSG_CAN_EXHAUST_HEAP 1
-#endif
-
 /// As long as it lives, malloc has no block of a page or more for anybody. For what the C library and malloc
 /// itself do then; allocations of the library are failed by AllocationFailure_.
 class ExhaustedHeap_ {
 public:
+#if defined(__SANITIZE_ADDRESS__)
+    static constexpr bool kIsPossible = false;
+#else
+    static constexpr bool kIsPossible = true;
+#endif
+    static constexpr char kWhyNot[] = "the sanitizer's heap ends the process where there is no memory";
+
     ExhaustedHeap_() {
         if (getrlimit(RLIMIT_AS, &m_limit) != 0) throw std::runtime_error("no limit to be had");
         rlimit narrow = m_limit;
