@@ -1,6 +1,7 @@
 #include "support/record_capture.h"
 
 #include <algorithm>
+#include <cctype>
 #include <ostream>
 
 #include "support/record_notes.h"
@@ -8,13 +9,24 @@
 
 namespace {
 
-/// What all compilers agree on: blanks differ, and so does whether a type that a using-declaration brought in
-/// is shown with its namespace.
+bool isOfName(char character) {
+    return std::isalnum(static_cast<unsigned char>(character)) != 0 || character == '_';
+}
+
+/// What all compilers agree on: blanks differ, and so does whether a type that was named without its
+/// namespace or class is shown with it.
 std::string comparable(std::string signature) {
+    for (auto end = signature.find("::", signature.find('(')); end != std::string::npos;
+         end = signature.find("::", end)) {
+        auto start = end;
+        while (isOfName(signature[start - 1])) --start;
+        signature.erase(start, end + 2 - start);
+        end = start;
+    }
     static const std::string s_namespace = "libcpp::";
-    signature.erase(std::remove(signature.begin(), signature.end(), ' '), signature.end());
     for (auto at = signature.find(s_namespace); at != std::string::npos; at = signature.find(s_namespace, at))
         signature.erase(at, s_namespace.size());
+    signature.erase(std::remove(signature.begin(), signature.end(), ' '), signature.end());
     return signature;
 }
 
