@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <memory>
 
@@ -110,7 +109,7 @@ protected:
             // On TCP a program has to see the connection stand before it may go.
             if (number == 0 && !source.workUntil([&] { return source.isConnected("hub"); })) return Missing;
         }
-        _exit(Good);
+        endProcess(Good);
     }
 
     /// The numbers that reach the hub, in order, each answered or not.

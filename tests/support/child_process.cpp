@@ -10,6 +10,9 @@
 #include <stdexcept>
 #include <thread>
 
+// The counts of a build that measures coverage; there is no such function in others.
+extern "C" __attribute__((weak)) int __llvm_profile_write_file();
+
 ChildProcess_::ChildProcess_(const std::function<int()>& body) {
     std::fflush(nullptr);
     m_id = fork();
@@ -21,8 +24,7 @@ ChildProcess_::ChildProcess_(const std::function<int()>& body) {
     } catch (const std::exception& exception) {
         std::fprintf(stderr, "child process: %s\n", exception.what());
     }
-    std::fflush(nullptr);
-    _exit(result);
+    endProcess(result);
 }
 
 ChildProcess_::~ChildProcess_() {
@@ -51,4 +53,10 @@ bool eventually(const std::function<bool()>& condition, unsigned int limitMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+void endProcess(int result) {
+    std::fflush(nullptr);
+    if (__llvm_profile_write_file != nullptr) __llvm_profile_write_file();
+    _exit(result);
 }
