@@ -13,6 +13,10 @@ PRESETS = {64: "release", 32: "m32"}
 PACKAGES = {
     "release": ["g++", "cmake", "ninja-build", "pkg-config", "libgtest-dev"],
     "m32": ["g++", "cmake", "ninja-build", "pkg-config", "g++-multilib", "googletest"],
+    "coverage": ["clang-19", "libclang-rt-19-dev", "llvm-19", "g++", "cmake", "ninja-build", "pkg-config",
+                 "libgtest-dev"],
+    "m32-coverage": ["clang-19", "libclang-rt-19-dev", "llvm-19", "cmake", "ninja-build", "pkg-config",
+                     "g++-multilib", "googletest"],
 }
 
 
