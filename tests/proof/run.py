@@ -12,7 +12,7 @@ import builds
 import report
 
 # In the order in which they run and are reported. Each is a module of parts/ with NAME, PROVES and run(builds).
-PARTS = ("records", "allocations", "calls", "boundaries", "codec", "library", "limits", "repetition")
+PARTS = ("records", "allocations", "calls", "boundaries", "coverage", "codec", "library", "limits", "repetition")
 
 
 def part(name):
