@@ -136,7 +136,7 @@ bool VekSocket_::initialize(VekSockNativeAddr_& native) {
                            error, std::strerror(error));
     }
     if (isLocal && !initialize(m_localAddress.path())) return false;
-    if (!m_localAddress.fillInNative(&native)) return false;
+    m_localAddress.fillInNative(&native);  // it is no wildcard, so it has a native form
     if (::bind(m_descriptor, &native.m_any, m_localAddress.nativeSize()) < 0) {
         const int error = errno;
         VEKMSG_LOG_DEBUG("VekSocket_::initialize() bind(%s) failed with error(%d): %s", p_name, error,
@@ -411,7 +411,7 @@ bool VekSocket_::check(SP_BasicBuffer_& sp_buffer) {
         m_sp_sendBuffer.reset();
         return true;
     }
-    return m_sp_sendBuffer.isNull() || check(*m_sp_sendBuffer);
+    return check(*m_sp_sendBuffer);
 }
 
 /// A socket that is not connected.
@@ -449,7 +449,7 @@ bool VekSocket_::check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete
         }
         count = 0;
     }
-    if (!receiveBuffer.extendDataIntoTrailer(static_cast<int>(count))) return false;
+    receiveBuffer.extendDataIntoTrailer(static_cast<int>(count));
     m_bytesToReceive -= static_cast<unsigned int>(count);
     if (m_bytesToReceive == 0) sp_complete.swap(m_sp_receiveBuffer);
     return true;

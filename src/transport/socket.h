@@ -71,7 +71,7 @@ public:
     bool fillPollFd(bool wantWrite, pollfd* p_pollFd, pollfd*& p_next) const;
 
     bool isConnected() const { return m_state == CONNECTED; }
-    bool isSendDataPending() const { return !m_sp_sendBuffer.isNull() && m_dataToBeSent != 0; }
+    bool isSendDataPending() const { return m_dataToBeSent != 0; }
 
     /// Closes the descriptor and forgets everything. A listening local socket removes its file.
     void cleanUp();
@@ -106,7 +106,7 @@ private:
     SP_BasicBuffer_ m_sp_receiveBuffer;
     unsigned int m_bytesToReceive = 0;
     SP_BasicBuffer_ m_sp_sendBuffer;
-    unsigned int m_dataToBeSent = 0;
+    unsigned int m_dataToBeSent = 0;  // 0 without a send buffer
 };
 
 #endif

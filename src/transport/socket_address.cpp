@@ -175,15 +175,8 @@ bool VekSocketAddress_::initializeAsWildcard(AddressType_ type) {
 
 bool VekSocketAddress_::isWildcard() const {
     if (m_nativeSize == 0) return true;
-    switch (m_type) {
-        case LOCAL:
-            return m_native.m_local.sun_path[0] == '\0';
-        case INET_TCP:
-        case INET_UDP:
-            return m_native.m_inet.sin_addr.s_addr == 0 && m_native.m_inet.sin_port == 0;
-        default:
-            return true;
-    }
+    if (m_type == LOCAL) return m_native.m_local.sun_path[0] == '\0';
+    return m_native.m_inet.sin_addr.s_addr == 0 && m_native.m_inet.sin_port == 0;
 }
 
 bool VekSocketAddress_::isEqual(const VekSocketAddress_& other) const {
