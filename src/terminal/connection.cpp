@@ -79,7 +79,7 @@ bool VekmsgConnection_::sendMyName() {
         VEKMSG_LOG_ERROR("VekmsgConnection_::sendMyName() can't allocate basicBuffer");
         return false;
     }
-    if (!sp_buffer->setDataArea(0, headerSize + length)) return false;
+    sp_buffer->setDataArea(0, headerSize + length);
     writeEncodingBlockHeader(sp_buffer->data(), VEK_COMPONENT_NAME, length);
     // What follows a NUL inside the name stays here.
     std::strncpy(reinterpret_cast<char*>(sp_buffer->data()) + headerSize, printable(m_sp_myName), length);
@@ -111,12 +111,12 @@ bool VekmsgConnection_::startReceiving(SP_BasicBuffer_ sp_buffer, unsigned int s
             VEKMSG_LOG_ERROR("VekmsgConnection_::startReceiving() can't allocate basicBuffer");
             return false;
         }
-        if (!sp_buffer->setDataArea(0, 0)) return false;
         m_decodeOffset = 0;
     }
     const unsigned int unread = sp_buffer->dataLength() - m_decodeOffset;
     const unsigned int request = size > unread ? size - unread : 0;
-    m_connectionState = m_sp_socket->receive(request, sp_buffer) ? nextState : STATE_FAILED;
+    m_sp_socket->receive(request, sp_buffer);
+    m_connectionState = nextState;
     return true;
 }
 
@@ -143,7 +143,7 @@ bool VekmsgConnection_::processPollEvents(bool& hasMessages) try {
         if (!sp_buffer) break;
         if (!processPollEvents(sp_buffer)) return false;
     }
-    if (!sendQueuedBuffers()) return false;
+    sendQueuedBuffers();  // the name is sent by now: this asks for no memory and cannot fail
     if (m_connectionState == STATE_FAILED && !m_sendQueue.empty() && !reconnectFailedSocket()) return false;
     hasMessages = hasReceived();
     return m_connectionState != STATE_FAILED && m_connectionState != STATE_IDLE;
@@ -195,7 +195,7 @@ bool VekmsgConnection_::processPollEvents(SP_BasicBuffer_& sp_buffer) {
 }
 
 bool VekmsgConnection_::processPollEvents(NameHeader_, SP_BasicBuffer_& sp_buffer) {
-    if (!extractEncodingHeader(sp_buffer)) return false;
+    extractEncodingHeader(sp_buffer);
     if (m_connectionState == STATE_FAILED) return true;
     if (m_blockType != VEK_COMPONENT_NAME) {
         VEKMSG_LOG_WARNING("%s is expecting VEK_COMPONENT_NAME. Got %d, length %u", printable(m_sp_myName),
@@ -210,16 +210,18 @@ bool VekmsgConnection_::processPollEvents(NameHeader_, SP_BasicBuffer_& sp_buffe
         m_connectionState = STATE_FAILED;
         return true;
     }
-    return receiveUnit(sp_buffer, m_blockLength, STATE_RECEIVING_NAME);
+    receiveUnit(sp_buffer, m_blockLength, STATE_RECEIVING_NAME);
+    return true;
 }
 
 bool VekmsgConnection_::processPollEvents(Name_, SP_BasicBuffer_& sp_buffer) {
     unsigned char* p_payload = nullptr;
-    if (!extractEncodingPayload(sp_buffer, p_payload)) return false;
+    extractEncodingPayload(sp_buffer, p_payload);
     if (m_connectionState == STATE_FAILED) return true;
     if (m_blockType != VEK_COMPONENT_NAME) {
-        return discardAllDecodedPayload(sp_buffer) &&
-               receiveUnit(sp_buffer, getEncodingBlockHeaderSize(), STATE_RECEIVING_NAME_HEADER);
+        if (!discardAllDecodedPayload(sp_buffer)) return false;
+        receiveUnit(sp_buffer, getEncodingBlockHeaderSize(), STATE_RECEIVING_NAME_HEADER);
+        return true;
     }
     if (m_blockLength > kBlockBufferSize) {
         VEKMSG_LOG_ERROR("VekmsgConnection_::processPollEvents() of %s got VEK_COMPONENT_NAME length %d",
@@ -234,12 +236,13 @@ bool VekmsgConnection_::processPollEvents(Name_, SP_BasicBuffer_& sp_buffer) {
     }
     // The size asked for next is that of the name and not that of a header: peers have always been read like
     // this.
-    return discardAllDecodedPayload(sp_buffer) &&
-           receiveUnit(sp_buffer, m_blockLength, STATE_RECEIVING_HEADER);
+    if (!discardAllDecodedPayload(sp_buffer)) return false;
+    receiveUnit(sp_buffer, m_blockLength, STATE_RECEIVING_HEADER);
+    return true;
 }
 
 bool VekmsgConnection_::processPollEvents(Header_, SP_BasicBuffer_& sp_buffer) {
-    if (!extractEncodingHeader(sp_buffer)) return false;
+    extractEncodingHeader(sp_buffer);
     if (m_connectionState == STATE_FAILED) return true;
     const bool isTooLong = m_blockLength > kLongestMessage;
     if (m_blockType == BINARY_ENCODED_MESSAGE) {
@@ -256,12 +259,13 @@ bool VekmsgConnection_::processPollEvents(Header_, SP_BasicBuffer_& sp_buffer) {
             printable(m_sp_myName), printable(m_sp_peerName), m_blockType, m_blockLength);
     }
     if (isTooLong) m_connectionState = STATE_FAILED;
-    return receiveUnit(sp_buffer, m_blockLength, STATE_RECEIVING_PAYLOAD);
+    receiveUnit(sp_buffer, m_blockLength, STATE_RECEIVING_PAYLOAD);
+    return true;
 }
 
 bool VekmsgConnection_::processPollEvents(Payload_, SP_BasicBuffer_& sp_buffer) {
     unsigned char* p_payload = nullptr;
-    if (!extractEncodingPayload(sp_buffer, p_payload)) return false;
+    extractEncodingPayload(sp_buffer, p_payload);
     if (m_connectionState == STATE_FAILED) return true;
     ++m_blocksInCall;
     if (m_blockType == BINARY_ENCODED_MESSAGE) {
@@ -271,7 +275,8 @@ bool VekmsgConnection_::processPollEvents(Payload_, SP_BasicBuffer_& sp_buffer) 
                            printable(m_sp_peerName), m_blockType);
         if (!discardAllDecodedPayload(sp_buffer)) return false;
     }
-    return receiveUnit(sp_buffer, getEncodingBlockHeaderSize(), STATE_RECEIVING_HEADER);
+    receiveUnit(sp_buffer, getEncodingBlockHeaderSize(), STATE_RECEIVING_HEADER);
+    return true;
 }
 
 bool VekmsgConnection_::queueReceivedBlock(SP_BasicBuffer_& sp_buffer) {
@@ -284,17 +289,18 @@ bool VekmsgConnection_::queueReceivedBlock(SP_BasicBuffer_& sp_buffer) {
     }
     // Bytes of the next block follow: they move to a buffer of their own, and the block keeps only itself.
     const bool isMoved = discardAllDecodedPayload(sp_buffer);
-    return sp_block->setDataArea(sp_block->dataOffset(), blockSize) && isMoved;
+    sp_block->setDataArea(sp_block->dataOffset(), blockSize);
+    return isMoved;
 }
 
-bool VekmsgConnection_::receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size,
+void VekmsgConnection_::receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size,
                                     ConnectionState_ nextState) {
     if (m_connectionState != STATE_FAILED && isWholeUnitIn(*sp_buffer, size, nextState)) {
         m_sp_wholeUnit = sp_buffer;
         m_connectionState = nextState;
-        return true;
+    } else {
+        startReceiving(sp_buffer, size, nextState);
     }
-    return startReceiving(sp_buffer, size, nextState);
 }
 
 bool VekmsgConnection_::isWholeUnitIn(const BasicBuffer_& buffer, unsigned int size,

@@ -183,7 +183,7 @@ protected:
     bool queueReceivedBlock(SP_BasicBuffer_& sp_buffer);
 
     /// Goes on in a buffer that already holds the next unit whole, else asks the socket for what is missing.
-    bool receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size, ConnectionState_ nextState);
+    void receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size, ConnectionState_ nextState);
     bool isWholeUnitIn(const BasicBuffer_& buffer, unsigned int size, ConnectionState_ nextState) const;
     bool hasPartnersAndBudget() const;
 

@@ -63,7 +63,7 @@ bool VekmsgConnection_::extractEncodingPayload(SP_BasicBuffer_ sp_buffer, unsign
 
 bool VekmsgConnection_::discardAllDecodedPayload(SP_BasicBuffer_& sp_buffer) {
     if (sp_buffer && m_decodeOffset >= sp_buffer->dataLength()) {
-        if (!sp_buffer->setDataArea(0, 0)) return false;
+        sp_buffer->setDataArea(0, 0);
         m_decodeOffset = 0;
         return true;
     }
@@ -76,12 +76,11 @@ bool VekmsgConnection_::discardAllDecodedPayload(SP_BasicBuffer_& sp_buffer) {
         VEKMSG_LOG_ERROR("VekmsgConnection_::discardAllDecodedPayload() can't allocate basicBuffer");
         return false;
     }
-    if (!sp_fresh->setDataArea(0, 0)) return false;
     if (sp_buffer) {
         const unsigned int undecoded = sp_buffer->dataLength() - m_decodeOffset;
         if (undecoded > sp_fresh->trailerRoom()) return false;
         std::memcpy(sp_fresh->data(), sp_buffer->data() + m_decodeOffset, undecoded);
-        if (!sp_fresh->extendDataIntoTrailer(static_cast<int>(undecoded))) return false;
+        sp_fresh->extendDataIntoTrailer(static_cast<int>(undecoded));
     }
     m_decodeOffset = 0;
     sp_buffer = sp_fresh;

@@ -53,7 +53,9 @@ bool VekmsgConnection_::reconnectFailedSocket() {
     if (!sp_socket->initialize(localAddress)) return false;
     VEKMSG_LOG_DEBUG("Reconnecting socket between %s and %s after %u failures", printable(m_sp_myName),
                      printable(m_sp_peerName), m_failureCount);
-    return sp_socket->connect(remoteAddress) && setSocket(sp_socket) && start();
+    if (!sp_socket->connect(remoteAddress)) return false;
+    setSocket(sp_socket);
+    return start();
 }
 
 bool VekmsgConnection_::mergeQueues(VekmsgConnection_* p_connection) {

@@ -28,7 +28,7 @@ bool VekmsgTerminalImpl_::open(const Utf8Char_* p_componentName, const char* p_d
         return false;
     }
     AddressNames_ addressNames;
-    if (!m_nameDirectory.getTransportAddresses(m_sp_componentName, addressNames)) return false;
+    m_nameDirectory.getTransportAddresses(m_sp_componentName, addressNames);
 
     SP_StdString_ sp_defaultName;
     open(DefaultAddress_(), sp_defaultName);

@@ -103,14 +103,14 @@ protected:
     bool open(OwnAddress_, const std::string& addressName, const SP_StdString_& sp_defaultName);
 
     // The stages of a pass: one listening socket, one unresolved connection, two connections to the same
-    // peer, one active connection. False as for the whole pass.
+    // peer, one active connection. False ends the pass.
     struct Accepting_ {};
     struct Resolving_ {};
     struct Settling_ {};
     struct Serving_ {};
     bool processPollEvents(Accepting_, VekSocket_& listeningSocket);
-    bool processPollEvents(Resolving_, Connections_::iterator unresolved);
-    bool processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted);
+    void processPollEvents(Resolving_, Connections_::iterator unresolved);
+    void processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted);
     void processPollEvents(Serving_, ActiveConnections_::iterator active, bool& gotData);
 
     // The stages of sending: making a connection, connecting a socket to the first address that takes it, the

@@ -10,9 +10,8 @@ bool VekmsgTerminalImpl_::processPollEvents(bool& gotData) try {
     for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
         if (!processPollEvents(Accepting_(), *sp_socket)) return false;
     }
-    for (auto next = m_unresolvedConnections.begin(); next != m_unresolvedConnections.end();) {
-        if (!processPollEvents(Resolving_(), next++)) return false;
-    }
+    for (auto next = m_unresolvedConnections.begin(); next != m_unresolvedConnections.end();)
+        processPollEvents(Resolving_(), next++);
     for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();)
         processPollEvents(Serving_(), next++, gotData);
     if (!m_keptBlocks.empty()) gotData = true;
@@ -29,15 +28,15 @@ bool VekmsgTerminalImpl_::processPollEvents(Accepting_, VekSocket_& listeningSoc
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::processPollEvents() Can't create VekmsgConnection_");
         return false;
     }
-    if (!sp_connection->setSocket(sp_socket) || !sp_connection->setMyName(m_sp_componentName) ||
-        !sp_connection->setPeerName(SP_Utf8String_()) ||
-        !sp_connection->setMaxFailureRetryCount(sp_socket->remoteAddress().type()) || !sp_connection->start())
-        return false;
+    sp_connection->setSocket(sp_socket);
+    sp_connection->setMyName(m_sp_componentName);
+    sp_connection->setMaxFailureRetryCount(sp_socket->remoteAddress().type());
+    if (!sp_connection->start()) return false;
     m_unresolvedConnections.push_back(sp_connection);
     return true;
 }
 
-bool VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator unresolved) {
+void VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator unresolved) {
     const SP_VekmsgConnection_ sp_connection = *unresolved;
     bool hasMessages = false;
     if (!sp_connection->processPollEvents(hasMessages)) {
@@ -45,10 +44,10 @@ bool VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator u
         keepReceivedBlocks(*sp_connection);
         sp_connection->stop();
         m_unresolvedConnections.erase(unresolved);
-        return true;
+        return;
     }
     const SP_Utf8String_ sp_peerName = sp_connection->getPeerName();
-    if (!sp_peerName) return true;
+    if (!sp_peerName) return;
     if (sp_peerName->empty()) {
         VEKMSG_LOG_WARNING(
             "VekmsgTerminalImpl_::processPollEvents(%s) got a null peerName for an unresolved connection",
@@ -56,27 +55,26 @@ bool VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator u
         sp_connection->stop();
     } else {
         const auto [place, isInserted] = m_activeConnections.insert(sp_connection);
-        if (!isInserted && !processPollEvents(Settling_(), **place, *sp_connection)) return false;
+        if (!isInserted) processPollEvents(Settling_(), **place, *sp_connection);
     }
     m_unresolvedConnections.erase(unresolved);
-    return true;
 }
 
 // Both ends keep the stream that the component with the smaller name opened: the greater name adopts the
 // accepted socket, the smaller name keeps its own. The old object survives in any case, with all that is
 // queued on it.
-bool VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted) {
+void VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted) {
     const bool wasFunctional = old.isFunctional();
     // What the old stream still holds comes first. That it has ended, or found no memory to go on, shows now
     // as well: a peer that was started again must not be turned away for the sake of a stream that it has
     // left.
     bool hasMessages = false;
     const bool stands = wasFunctional && old.processPollEvents(hasMessages) && old.isFunctional();
-    if (!old.mergeQueues(&accepted)) return false;
+    old.mergeQueues(&accepted);
     const SP_Utf8String_ sp_peerName = old.getPeerName();
     const bool isPeerSmaller = *sp_peerName < *m_sp_componentName;
     const bool adoptsAccepted = isPeerSmaller || !stands;
-    if (adoptsAccepted && !old.swapSockets(&accepted)) return false;
+    if (adoptsAccepted) old.swapSockets(&accepted);
     if (wasFunctional && isPeerSmaller)
         VEKMSG_LOG_WARNING("Duplicate connections between %s and %s. Closing the old",
                            printable(m_sp_componentName), printable(sp_peerName));
@@ -84,7 +82,6 @@ bool VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, V
         VEKMSG_LOG_WARNING("Duplicate connections between %s and %s. Closing the new one",
                            printable(m_sp_componentName), printable(sp_peerName));
     accepted.stop();
-    return true;
 }
 
 void VekmsgTerminalImpl_::processPollEvents(Serving_, ActiveConnections_::iterator active, bool& gotData) {
@@ -131,7 +128,7 @@ bool VekmsgTerminalImpl_::fillPollFdArray(pollfd* p_pollFdBuf, unsigned int& cou
                              printable(m_sp_componentName));
             return false;
         }
-        if (!sp_connection->fillPollFd(p_cursor, p_cursor)) return false;
+        sp_connection->fillPollFd(p_cursor, p_cursor);
     }
     for (const SP_VekmsgConnection_& sp_connection : m_activeConnections) {
         if (p_cursor == p_end) {
@@ -139,7 +136,7 @@ bool VekmsgTerminalImpl_::fillPollFdArray(pollfd* p_pollFdBuf, unsigned int& cou
                              printable(m_sp_componentName));
             return false;
         }
-        if (!sp_connection->fillPollFd(p_cursor, p_cursor)) return false;
+        sp_connection->fillPollFd(p_cursor, p_cursor);
     }
     count = static_cast<unsigned int>(p_cursor - p_pollFdBuf);
     return true;

@@ -12,13 +12,13 @@ namespace {
 constexpr char kPingRequest[] = "VEK Pinger Request Format version 1.0";
 constexpr char kPingReply[] = "VEK Pinger Reply Format version 1.0";
 
-/// Cuts `sp_buffer` to its first `length` data bytes; `sp_rest` gets the bytes behind them. Without memory
-/// for a copy those are lost.
-bool splitBehind(const SP_BasicBuffer_& sp_buffer, unsigned int length, SP_BasicBuffer_& sp_rest) {
-    if (sp_buffer->dataLength() == length) return true;
-    sp_rest = sp_buffer->copy();
-    if (sp_rest && !sp_rest->extendDataIntoHeader(-static_cast<int>(length))) return false;
-    return sp_buffer->setDataArea(sp_buffer->dataOffset(), length);
+/// Cuts the buffer, which has more, to its first `length` data bytes. The bytes behind them, or null without
+/// memory for a copy: they are lost then.
+SP_BasicBuffer_ splitBehind(BasicBuffer_& buffer, unsigned int length) {
+    SP_BasicBuffer_ sp_rest = buffer.copy();
+    if (sp_rest) sp_rest->extendDataIntoHeader(-static_cast<int>(length));
+    buffer.setDataArea(buffer.dataOffset(), length);
+    return sp_rest;
 }
 
 }  // namespace
@@ -124,14 +124,14 @@ VekmsgTerminalImpl_::Decoded_ VekmsgTerminalImpl_::receiveMessage(FirstBlock_, S
     VekmsgConnection_::EncodingBlockType_ type = VekmsgConnection_::NO_ENCODING_BLOCK;
     unsigned int length = 0;
     VekmsgConnection_::readEncodingBlockHeader(sp_buffer->data(), type, length);
-    if (!sp_buffer->extendDataIntoHeader(-static_cast<int>(headerSize))) return Decoded_::Failed;
+    sp_buffer->extendDataIntoHeader(-static_cast<int>(headerSize));
     if (sp_buffer->dataLength() < length) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::receiveMessage(%s) encoding block length %d > data %d from %s",
                          printable(m_sp_componentName), length, sp_buffer->dataLength(),
                          printable(sp_peerName));
         return Decoded_::Dropped;
     }
-    if (!splitBehind(sp_buffer, length, sp_rest)) return Decoded_::Failed;
+    if (sp_buffer->dataLength() > length) sp_rest = splitBehind(*sp_buffer, length);
     const unsigned int used = sp_impMessage->deserialize(sp_buffer);
     if (used == 0) {
         VEKMSG_LOG_WARNING("%s deserializer failed to handle data from %s", printable(m_sp_componentName),

@@ -62,18 +62,18 @@ bool VekmsgTerminalImpl_::sendMessage(Opening_, const SP_Utf8String_& sp_destina
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() Can't create VekmsgConnection_");
         return false;
     }
-    if (!sp_connection->setMyName(m_sp_componentName) || !sp_connection->setPeerName(sp_destination))
-        return false;
+    if (!sp_connection->setMyName(m_sp_componentName)) return false;
+    sp_connection->setPeerName(sp_destination);
 
     AddressNames_ addressNames;
-    if (!m_nameDirectory.getTransportAddresses(sp_destination, addressNames)) return false;
+    m_nameDirectory.getTransportAddresses(sp_destination, addressNames);
     VekSocketAddress_ address;
     SP_VekSocket_ sp_socket;
     if (!sendMessage(Connecting_(), *sp_destination, addressNames, address, sp_socket)) return false;
 
-    if (!sp_connection->setSocket(sp_socket) || !sp_connection->setMaxFailureRetryCount(address.type()) ||
-        !sp_connection->start())
-        return false;
+    sp_connection->setSocket(sp_socket);
+    sp_connection->setMaxFailureRetryCount(address.type());
+    if (!sp_connection->start()) return false;
     if (!m_activeConnections.insert(sp_connection).second) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() connection %s -- %s insert failure",
                          printable(m_sp_componentName), printable(sp_destination));
@@ -103,10 +103,7 @@ bool VekmsgTerminalImpl_::sendMessage(Connecting_, const Utf8String_& destinatio
             return false;
         }
         VekSocketAddress_ localAddress;
-        if (!localAddress.initializeAsWildcard(address.type())) {
-            sp_socket->cleanUp();
-            continue;
-        }
+        localAddress.initializeAsWildcard(address.type());
         if (!sp_socket->initialize(localAddress)) {
             sp_socket->cleanUp();
             return false;
@@ -157,7 +154,7 @@ bool VekmsgTerminalImpl_::sendMessage(Handing_, VekMessageBinary_& message, Vekm
     }
     VekmsgConnection_::writeEncodingBlockHeader(sp_buffer->data() - headerSize,
                                                 VekmsgConnection_::BINARY_ENCODED_MESSAGE, length);
-    if (!sp_buffer->extendDataIntoHeader(static_cast<int>(headerSize))) return false;
+    sp_buffer->extendDataIntoHeader(static_cast<int>(headerSize));
     if (!connection.sendEncodedMessage(sp_buffer))
         VEKMSG_LOG_DEBUG("VekmsgTerminalImpl_::sendMessage() Unrecoverable send error at %s",
                          printable(m_sp_componentName));

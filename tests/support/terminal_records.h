@@ -36,9 +36,9 @@ constexpr char kOpenOwn[] =
 constexpr char kFind[] = "SP_VekmsgConnection_ VekmsgTerminalImpl_::findActiveConnection(SP_Utf8String_)";
 constexpr char kAccepting[] = "bool VekmsgTerminalImpl_::processPollEvents(" STAGE "Accepting_, VekSocket_&)";
 constexpr char kResolving[] =
-    "bool VekmsgTerminalImpl_::processPollEvents(" STAGE "Resolving_, " UNRESOLVED_PLACE ")";
+    "void VekmsgTerminalImpl_::processPollEvents(" STAGE "Resolving_, " UNRESOLVED_PLACE ")";
 constexpr char kSettling[] =
-    "bool VekmsgTerminalImpl_::processPollEvents(" STAGE "Settling_, VekmsgConnection_&, VekmsgConnection_&)";
+    "void VekmsgTerminalImpl_::processPollEvents(" STAGE "Settling_, VekmsgConnection_&, VekmsgConnection_&)";
 constexpr char kServing[] =
     "void VekmsgTerminalImpl_::processPollEvents(" STAGE "Serving_, " ACTIVE_PLACE ", bool&)";
 constexpr char kFill[] = "bool VekmsgTerminalImpl_::fillPollFdArray(pollfd*, unsigned int&)";
