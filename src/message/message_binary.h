@@ -41,7 +41,8 @@ public:
     /// memory is short.
     static SP_VekmsgElement_ createElement(VekmsgTag_ tag, const VekMessageBinary_* p_message);
 
-    /// The exact size of the encoded form; a payload of a foreign class counts as nothing.
+    /// The exact size of the encoded form, or the largest number when there is none for it; a payload of a
+    /// foreign class counts as nothing.
     unsigned int getMaxSerializationSize() const;
 
     /// Encodes the message in front of the buffer's data. A null `sp_buffer` becomes the raw payload's own
@@ -87,6 +88,7 @@ public:
 private:
     /// The payload, or null when it is of a foreign class.
     const VekmsgElementBinary_* binaryPayload() const;
+    unsigned int payloadSize() const;
 
     bool canReuseRawPayload(unsigned int size) const;
 

@@ -98,11 +98,16 @@ const VekmsgElementBinary_* VekMessageBinary_::binaryPayload() const {
 unsigned int VekMessageBinary_::getMaxSerializationSize() const {
     const unsigned int header = 4 * getTtlvHeaderSize() + kTimeToLiveSize + textSize(m_destination) +
                                 textSize(m_source) + textSize(m_payloadSchema);
+    // A sum that wraps would pass for the size of a small message.
+    return header + std::min(payloadSize(), ~0U - header);
+}
+
+unsigned int VekMessageBinary_::payloadSize() const {
     if (!m_sp_payload.isNull()) {
         const VekmsgElementBinary_* p_payload = binaryPayload();
-        return p_payload != nullptr ? header + p_payload->getMaxSerializationSize() : header;
+        return p_payload != nullptr ? p_payload->getMaxSerializationSize() : 0;
     }
-    return m_sp_rawPayload.isNull() ? header : header + m_sp_rawPayload->dataLength();
+    return m_sp_rawPayload.isNull() ? 0 : m_sp_rawPayload->dataLength();
 }
 
 unsigned int VekMessageBinary_::serialize(SP_BasicBuffer_& sp_buffer) {

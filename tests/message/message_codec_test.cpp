@@ -48,6 +48,16 @@ public:
     }
 };
 
+/// A buffer that claims more than it has, because not every machine could give so much.
+class ClaimingBuffer_ : public BasicBuffer_ {
+public:
+    ClaimingBuffer_(unsigned int headerRoom, unsigned int dataLength) : BasicBuffer_(1) {
+        m_capacity = headerRoom + dataLength;
+        m_dataOffset = headerRoom;
+        m_dataLength = dataLength;
+    }
+};
+
 class MessageCodec : public RecordingTest_ {
 protected:
     MessageCodec() {
@@ -185,6 +195,30 @@ TEST_F(MessageCodec, aSizeThatWrapsIsRefusedByTheLastCheck) {
     EXPECT_EQ(
         m_records.take(),
         Records_{error(kSerializeBuffer, "Message (b -> a) size " + std::to_string(size) + " exceeds 1024")});
+}
+
+TEST_F(MessageCodec, aRawPayloadWithWhichTheSizeWouldWrapIsRefused) {
+    const SP_BasicBuffer_ sp_rawPayload(new ClaimingBuffer_(0, 0xFFFFFFF0U));
+    m_sp_message->setRawPayload(sp_rawPayload);
+    EXPECT_EQ(m_sp_message->getMaxSerializationSize(), 0xFFFFFFFFU);
+
+    EXPECT_EQ(serialize(), 0U);
+
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kSerializeBuffer, "Message (b -> a) size 4294967295 exceeds 1024")});
+    EXPECT_TRUE(m_sp_message->getRawPayload() == sp_rawPayload);
+}
+
+TEST_F(MessageCodec, aRawPayloadOfTwoGigabytesIsRefusedWhateverTheRoom) {
+    m_sp_message->setRawPayload(SP_BasicBuffer_(new ClaimingBuffer_(0, 0x80000000U)));
+    m_sp_buffer = new ClaimingBuffer_(0x90000000U, 0);
+
+    EXPECT_EQ(serialize(), 0U);
+    EXPECT_EQ(m_sp_buffer->dataLength(), 0U);
+}
+
+TEST_F(MessageCodec, withoutPayloadTheSizeIsThatOfTheHeader) {
+    EXPECT_EQ(m_sp_message->getMaxSerializationSize(), kEmpty);
 }
 
 TEST_F(MessageCodec, aMessageWithoutPayloadCannotBeWritten) {
