@@ -60,26 +60,24 @@ private:
     const unsigned char* m_p_value = nullptr;
 };
 
-/// Puts items in front of one another into the header room of a buffer.
+/// Puts items in front of one another into the header room of a buffer, which has to be enough.
 class ItemWriter_ {
 public:
     explicit ItemWriter_(BasicBuffer_& buffer) : m_buffer(buffer) {}
 
-    bool prepend(VekmsgTag_ tag, VekmsgDataType_ type, unsigned int length, const unsigned char* p_value) {
-        const unsigned int size = VekMessageBinary_::serializeTtlv(
+    void prepend(VekmsgTag_ tag, VekmsgDataType_ type, unsigned int length, const unsigned char* p_value) {
+        m_written += VekMessageBinary_::serializeTtlv(
             m_buffer.data() - m_written, m_buffer.headerRoom() - m_written, tag, type, length, p_value);
-        m_written += size;
-        return size != 0;
     }
 
-    bool prepend(VekmsgTag_ tag, const Utf8String_& text) {
-        return prepend(tag, VEKMSG_STRING, textSize(text), text.c_str());
+    void prepend(VekmsgTag_ tag, const Utf8String_& text) {
+        prepend(tag, VEKMSG_STRING, textSize(text), text.c_str());
     }
 
-    bool prepend(VekmsgTag_ tag, unsigned int number) {
+    void prepend(VekmsgTag_ tag, unsigned int number) {
         unsigned char bytes[kTimeToLiveSize];
         store32(bytes, number);
-        return prepend(tag, VEKMSG_UINT, kTimeToLiveSize, bytes);
+        prepend(tag, VEKMSG_UINT, kTimeToLiveSize, bytes);
     }
 
     unsigned int written() const { return m_written; }
@@ -137,8 +135,7 @@ unsigned int VekMessageBinary_::serialize(SP_BasicBuffer_& sp_buffer) {
         payloadLength = serialize(size, *sp_buffer);
         if (payloadLength == 0) return 0;
     }
-    const unsigned int headerLength = prependHeader(*sp_buffer);
-    return headerLength != 0 ? headerLength + payloadLength : 0;
+    return prependHeader(*sp_buffer) + payloadLength;
 }
 
 // A larger message would not pass the limit of the block that carries it, whatever room its buffer has.
@@ -198,17 +195,18 @@ unsigned int VekMessageBinary_::serialize(unsigned int size, BasicBuffer_& buffe
                          printable(m_source), printable(m_destination), size, buffer.headerRoom());
         return 0;
     }
-    return buffer.extendDataIntoHeader(static_cast<int>(written)) ? written : 0;
+    buffer.extendDataIntoHeader(static_cast<int>(written));
+    return written;
 }
 
 unsigned int VekMessageBinary_::prependHeader(BasicBuffer_& buffer) const {
     ItemWriter_ items(buffer);
-    if (!items.prepend(VEKMSGTAG_SCHEMA_URI, m_payloadSchema) ||
-        !items.prepend(VEKMSGTAG_TIME_TO_LIVE, m_timeToLive) ||
-        !items.prepend(VEKMSGTAG_SOURCE_NAME, m_source) ||
-        !items.prepend(VEKMSGTAG_DESTINATION_NAME, m_destination))
-        return 0;
-    return buffer.extendDataIntoHeader(static_cast<int>(items.written())) ? items.written() : 0;
+    items.prepend(VEKMSGTAG_SCHEMA_URI, m_payloadSchema);
+    items.prepend(VEKMSGTAG_TIME_TO_LIVE, m_timeToLive);
+    items.prepend(VEKMSGTAG_SOURCE_NAME, m_source);
+    items.prepend(VEKMSGTAG_DESTINATION_NAME, m_destination);
+    buffer.extendDataIntoHeader(static_cast<int>(items.written()));
+    return items.written();
 }
 
 unsigned int VekMessageBinary_::deserialize(SP_BasicBuffer_ sp_buffer) try {
@@ -220,7 +218,8 @@ unsigned int VekMessageBinary_::deserialize(SP_BasicBuffer_ sp_buffer) try {
     m_sp_rawPayload.reset();
     const unsigned int length = sp_buffer->dataLength();
     const unsigned int headerLength = deserialize(sp_buffer->data(), length);
-    if (headerLength == 0 || !sp_buffer->extendDataIntoHeader(-static_cast<int>(headerLength))) return 0;
+    if (headerLength == 0) return 0;
+    sp_buffer->extendDataIntoHeader(-static_cast<int>(headerLength));
     m_sp_rawPayload.swap(sp_buffer);
     return length;
 }
