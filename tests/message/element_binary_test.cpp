@@ -23,6 +23,14 @@ const Record_ kNoProbe = error(kFind,
                                "VekmsgElementBinary_::getFirstMatchingSubelement() createElement() returned "
                                "invalid object");
 
+/// Refuses every number.
+class Refusing_ : public VekmsgElementBinary_ {
+public:
+    explicit Refusing_(VekmsgTag_ tag) : VekmsgElementBinary_(tag, nullptr) {}
+    using VekmsgElementBinary_::setValue;
+    bool setValue(unsigned int) override { return false; }
+};
+
 /// Doubles every number that is set and counts how often one is asked for.
 class Doubling_ : public VekmsgElementBinary_ {
 public:
@@ -415,6 +423,15 @@ TEST_F(VekmsgElementBinary, aValueElementFindsNothingWithoutARecord) {
     EXPECT_EQ(m_records.take(), Records_());
 }
 
+TEST_F(VekmsgElementBinary, nothingIsFoundWhereNoSubElementCouldBeRead) {
+    EXPECT_EQ(deserialize(*m_sp_element, element(12, VEKMSG_COMPLEX, {})), 0U);
+    EXPECT_EQ(m_records.take().size(), 1U);
+
+    EXPECT_TRUE(m_sp_element->findFirstMatchingSubelement(VEKMSGTAG_ANY).isNull());
+    EXPECT_TRUE(m_sp_element->findFirstMatchingSubelement(1).isNull());
+    EXPECT_EQ(m_records.take(), Records_());
+}
+
 TEST_F(VekmsgElementBinary, aValueElementCannotBeQueried) {
     m_sp_element->setValue(5U);
 
@@ -503,6 +520,22 @@ TEST_F(VekmsgElementBinary, theValueOfASubElementOfAnotherTypeFailsAsThereDescri
                                                "3. Expecting uint")});
 }
 
+TEST_F(VekmsgElementBinary, textAndBytesOfASubElementFailAsThereDescribed) {
+    m_sp_element->addSubelements(newElement(3, 3U));
+
+    EXPECT_FALSE(m_sp_element->getSubElementValue(3, m_p_text));
+    EXPECT_FALSE(m_sp_element->getSubElementValue(3, m_p_value, m_length));
+
+    EXPECT_EQ(m_p_text, nullptr);
+    EXPECT_EQ(m_p_value, nullptr);
+    EXPECT_EQ(m_length, 4711U);
+    EXPECT_EQ(
+        m_records.take(),
+        (Records_{
+            error(kGetText, "VekmsgElementBinary_::getValue() wrong data type 2. Expecting string"),
+            error(kGetBinary, "VekmsgElementBinary_::getValue() wrong data type 2. Expecting binary")}));
+}
+
 TEST_F(VekmsgElementBinary, settingASubElementAddsItWhenThereIsNone) {
     EXPECT_TRUE(m_sp_element->setSubElementValue(4, 40U));
     EXPECT_TRUE(m_sp_element->setSubElementValue(3, true));
@@ -554,6 +587,15 @@ TEST_F(VekmsgElementBinary, aFailingValueLeavesANewSubElementWithoutValue) {
     const SP_VekmsgElementBinary_ sp_created = m_sp_element->findFirstMatchingSubelement(7);
     ASSERT_FALSE(sp_created.isNull());
     EXPECT_EQ(sp_created->getMaxSerializationSize(), 12U);
+}
+
+TEST_F(VekmsgElementBinary, aValueThatTheSubElementRefusesIsNotSet) {
+    m_sp_element->addSubelements(SP_VekmsgElement_(new Refusing_(6)));
+    EXPECT_FALSE(m_sp_element->setSubElementValue(6, 60U));
+    EXPECT_EQ(m_records.take(), Records_());
+
+    EXPECT_FALSE(m_sp_element->setSubElementValue(7, static_cast<const unsigned char*>(nullptr), 1));
+    EXPECT_EQ(m_records.take(), Records_{error(kSetBinary, "VekmsgElementBinary_::setValue() null p_value")});
 }
 
 TEST_F(VekmsgElementBinary, anElementOutlivesItsMessage) {
