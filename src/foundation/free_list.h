@@ -61,7 +61,6 @@ private:
     struct Drain_ {
         Chain_* m_p_chain = nullptr;
         ~Drain_() {
-            if (m_p_chain == nullptr) return;
             m_p_chain->m_phase = Phase_::Drained;
             while (m_p_chain->m_p_first != nullptr) ::operator delete(take());
         }
