@@ -223,6 +223,12 @@ TEST_F(LogRecord, lfmtFormatsLikePrintf) {
     EXPECT_STREQ(lfmt("%s %u %d", "a", 1U, -2), "a 1 -2");
 }
 
+TEST_F(LogRecord, whatCannotBeFormattedIsEmptyText) {
+    lfmt("%s", "before");
+
+    EXPECT_STREQ(lfmt("%ls", L"\x4E2D"), "");  // no such character in the "C" locale
+}
+
 TEST_F(LogRecord, aNullNamePrintsAsEmptyText) {
     EXPECT_STREQ(printable(static_cast<const Utf8Char_*>(nullptr)), "");
     EXPECT_STREQ(printable(SP_Utf8String_()), "");

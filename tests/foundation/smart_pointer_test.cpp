@@ -69,6 +69,12 @@ TEST(SmartPointer, aNewOneIsNull) {
     EXPECT_EQ(sp_probe.get(), nullptr);
 }
 
+TEST(SmartPointer, oneMadeOfNullIsNull) {
+    const SP_SharedProbe_ sp_probe = nullptr;
+
+    EXPECT_TRUE(sp_probe.isNull());
+}
+
 TEST(SmartPointer, itIsAVirtualTablePointerAndOneField) {
     EXPECT_EQ(sizeof(SP_SharedProbe_), 2 * sizeof(void*));
     EXPECT_EQ(sizeof(SP_StdString_), 2 * sizeof(void*));

@@ -95,6 +95,20 @@ TEST(TextRoom, roomThatIsTooSmallGrowsAndIsKeptSo) {
     });
 }
 
+TEST(TextRoom, beyond64RoomsTheirMemoryGoes) {
+    inFreshThread([] {
+        Utf8String_ texts[65];
+        for (Utf8String_& text : texts) assign(text, g_long);
+        const unsigned long before = releaseCount();
+        for (Utf8String_& text : texts) {
+            Utf8String_ going;
+            going.swap(text);
+            keepRoomOf(going);
+        }
+        EXPECT_EQ(releaseCount() - before, g_isOn ? 1U : 65U);
+    });
+}
+
 TEST(TextRoom, theRoomOfAGrowingTextIsKept) {
     inFreshThread([] {
         Utf8String_ text;

@@ -21,6 +21,8 @@ TEST(Utf8CharTraits, bytesCompareAsUnsignedNumbers) {
     EXPECT_LT(Utf8CharTraits_::compare(bytes("a\x7F"), bytes("a\x80"), 2), 0);
     EXPECT_GT(Utf8CharTraits_::compare(bytes("a\xFF"), bytes("a\x01"), 2), 0);
     EXPECT_EQ(Utf8CharTraits_::compare(bytes("abX"), bytes("abY"), 2), 0);
+    EXPECT_TRUE(Utf8CharTraits_::eq(0x80, 0x80));
+    EXPECT_FALSE(Utf8CharTraits_::eq(0x80, 0));
 }
 
 TEST(Utf8CharTraits, comparingGoesBeyondANul) {
