@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 #include "api/component_folder.h"
@@ -480,6 +481,19 @@ TEST_F(TerminalFacade, closedTerminalsRefuseToSendARawPayload) {
     EXPECT_EQ(m_records.take(),
               (Records_{notOpenYet("virtual bool VekmsgTerminal_::createMessage(SmartPointer_<VekMessage_>&)",
                                    "createMessage")}));
+}
+
+TEST_F(TerminalFacade, aSendingOperationThatThrowsFailsTheRawPayload) {
+    class ThrowingTerminal_ : public VekmsgTerminal_ {
+    public:
+        bool sendMessage(SmartPointer_<VekMessage_>) override { throw std::runtime_error("not sent"); }
+    };
+    ThrowingTerminal_ terminal;
+    ASSERT_TRUE(terminal.open(utf8("alpha"), m_folder.directory()));
+    m_records.take();
+
+    EXPECT_FALSE(terminal.sendRawPayload(utf8("beta"), utf8("schema"), encodedUint()));
+    EXPECT_EQ(m_records.take(), Records_{});
 }
 
 /// Keeps the last message instead of sending it.

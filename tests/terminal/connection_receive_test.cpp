@@ -7,6 +7,7 @@
 #include "support/allocation_failure.h"
 #include "terminal/connection.h"
 #include "terminal/connections.h"
+#include "vekmsg/log.h"
 
 namespace {
 
@@ -28,6 +29,9 @@ constexpr char kExtractPayload[] =
 constexpr char kDiscard[] = "bool VekmsgConnection_::discardAllDecodedPayload(libcpp::SP_BasicBuffer_&)";
 constexpr char kSocketReceive[] = "bool VekSocket_::receive(unsigned int, libcpp::SP_BasicBuffer_)";
 constexpr char kSocketRead[] = "bool VekSocket_::check(libcpp::BasicBuffer_&, libcpp::SP_BasicBuffer_&)";
+
+const Record_ kNoBuffer =
+    connectionRecord(3, kDiscard, "VekmsgConnection_::discardAllDecodedPayload() Can't create basicBuffer_");
 
 Record_ skipped(unsigned int type, std::size_t length) {
     return connectionRecord(4, kHeader,
@@ -965,6 +969,44 @@ TEST_F(Receiving, withoutMemoryForTheNextBufferTheTurnFailsAndTheBlockIsKept) {
             }
             EXPECT_EQ(received(), Texts_{block(2, "one")});
             EXPECT_EQ(m_records.take(), (Records_{connectionRecord(3, kDiscard, texts[number - 2])}));
+        });
+    }
+}
+
+TEST_F(Receiving, withoutMemoryForTheBytesBehindAnUnknownBlockTheTurnFails) {
+    afresh([&] {
+        openAccepted();
+        ASSERT_TRUE(deliver(nameBlock("longer name")));
+        // The receive after the name asks for as many bytes as the name had.
+        m_peer.write(block(7, "") + block(2, "next"));
+        awaitBytes(socket().descriptor(), 12);
+        vekmsg_log_set_threshold(3);  // to capture the warnings would take memory
+        {
+            AllocationFailure_ failure(1);
+            EXPECT_FALSE(turn());
+        }
+        EXPECT_EQ(received(), Texts_{});
+        EXPECT_EQ(m_records.take(), Records_{kNoBuffer});
+    });
+}
+
+TEST_F(Receiving, withoutMemoryForTheBytesBehindANameTheTurnFails) {
+    const struct {
+        VekmsgConnection_::EncodingBlockType_ m_type;
+        unsigned int m_failing;
+    } cases[] = {{Connection_::BINARY_ENCODED_MESSAGE, 1}, {Connection_::VEK_COMPONENT_NAME, 2}};
+    for (const auto& each : cases) {
+        afresh([&] {
+            openAccepted();
+            m_sp_connection->m_connectionState = Connection_::STATE_RECEIVING_NAME;
+            m_sp_connection->m_blockType = each.m_type;
+            m_sp_connection->m_blockLength = 4;
+            m_sp_connection->m_sp_wholeUnit = bufferOf(std::string("abc\0next", 8));
+            {
+                AllocationFailure_ failure(each.m_failing);  // a name takes the first
+                EXPECT_FALSE(turn());
+            }
+            EXPECT_EQ(m_records.take(), Records_{kNoBuffer});
         });
     }
 }

@@ -411,6 +411,24 @@ TEST_F(Connection, withoutMemoryForTheNameBlockATurnAndASendFail) {
     }
 }
 
+TEST_F(Connection, aBlockWaitsWhenItsNameFindsNoMemory) {
+    afresh([&] {
+        openOutgoing(Type_::INET_TCP);
+        EXPECT_TRUE(m_sp_connection->start());
+        awaitWritable(socket().descriptor());
+        ASSERT_TRUE(socket().connecting());
+        const SP_BasicBuffer_ sp_block = bufferOf(block(2, "x"));
+        {
+            AllocationFailure_ failure(2);  // the first is for the place in the queue
+            EXPECT_FALSE(m_sp_connection->sendEncodedMessage(sp_block));
+        }
+        EXPECT_EQ(bytesOf(m_sp_connection->m_sendQueue), (std::vector<std::string>{block(2, "x")}));
+        EXPECT_EQ(m_records.take(),
+                  (Records_{connectionRecord(3, kSendMyName,
+                                             "VekmsgConnection_::sendMyName() Can't create basicBuffer_")}));
+    });
+}
+
 TEST_F(Connection, aSocketThatIsBusyCannotTakeTheName) {
     openOutgoing();
     blockWriting();

@@ -385,6 +385,28 @@ TEST_F(TerminalCore, theLookUpFailsWithoutMemory) {
                                            "VekmsgConnection_")}}}));
 }
 
+TEST_F(TerminalCore, aLookUpThatFindsNoMemoryToKeepBlocksLeavesThemWhereTheyAre) {
+    const std::string path = directory("anna", {});
+
+    const Outcomes_ outcomes = failEachAllocation([&]() -> Call_ {
+        const std::shared_ptr<TestTerminal_> terminal(new TestTerminal_);
+        terminal->open(utf8("anna"), path.c_str());
+        const SP_TestConnection_ sp_connection = terminal->addActive("bert");
+        sp_connection->m_receivedBuffers.push_back(bufferOf(messageBlock("anna", "bert", 1)));
+        const SP_Utf8String_ sp_name = name("bert");
+        return [=] {
+            EXPECT_TRUE(terminal->findActiveConnection(sp_name).isNull());
+            return terminal->m_activeConnections.size() == 1 && sp_connection->hasReceived();
+        };
+    });
+
+    EXPECT_EQ(outcomes, (Outcomes_{{true,
+                                    {error(kFind,
+                                           "VekmsgTerminalImpl_::findActiveConnection() Can't create "
+                                           "VekmsgConnection_")}},
+                                   {true, {}}}));
+}
+
 TEST_F(TerminalCore, filtersCanBeSetOnAClosedTerminalAndReplaceEachOther) {
     bool isGone = false;
     const std::shared_ptr<void> mark(nullptr, [&](void*) { isGone = true; });

@@ -490,6 +490,25 @@ TEST_F(TerminalReceive, aBlockThatFindsNoMemoryForItsMessageWaits) {
     });
 }
 
+TEST_F(TerminalReceive, withoutMemoryToKeepItTheRestOfARefusedBufferIsLost) {
+    const Bytes_ bytes = toAnna(1) + toAnna(2);
+
+    const Outcomes_ outcomes = failEachAllocation([&]() -> Call_ {
+        const std::shared_ptr<TestTerminal_> anna(new TestTerminal_);
+        anna->m_sp_componentName = name("anna");
+        anna->setReceiveFilter(filterOf([](SP_VekMessage_&) { return false; }));
+        anna->m_keptBlocks.push_back({name("bert"), BufferQueue_(1, bufferOf(bytes))});
+        return [=] {
+            SP_VekMessage_ sp_message;
+            EXPECT_FALSE(anna->receiveMessage(sp_message));
+            return anna->m_keptBlocks.empty();
+        };
+    });
+
+    ASSERT_FALSE(outcomes.empty());
+    EXPECT_EQ(outcomes.back(), (Outcome_{true, {}}));
+}
+
 TEST_F(TerminalReceive, theReceiveFilterSeesEveryMessage) {
     RawPeer_ zoe = connectedPeer("zoe");
     RawPeer_ bert = peer("bert");
@@ -551,6 +570,16 @@ TEST_F(TerminalReceive, aRefusedMessageAtTheEndOfItsBufferLeavesNothingBehind) {
     EXPECT_TRUE(fails());
 
     EXPECT_EQ(numbersAt(*m_anna), Numbers_{2});
+}
+
+TEST_F(TerminalReceive, aRefusedKeptMessageAtTheEndOfItsBufferLeavesNothingBehind) {
+    setFilter([](SP_VekMessage_& sp_message) { return numberIn(sp_message) != 1; });
+    keep("bert", {toAnna(1)});
+
+    EXPECT_TRUE(fails());
+
+    EXPECT_TRUE(m_anna->m_keptBlocks.empty());
+    EXPECT_EQ(m_records.take(), Records_{});
 }
 
 TEST_F(TerminalReceive, aRefusalAmongKeptBlocksLeavesTheRestForTheNextCall) {

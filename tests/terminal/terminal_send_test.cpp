@@ -268,6 +268,21 @@ TEST_F(TerminalSend, aFilterMaySendOnTheSameTerminal) {
     EXPECT_EQ(numberIn(receiveAt(*cora)), 2U);
 }
 
+// Filters may not close their terminal; that one does must still not do worse than this.
+TEST_F(TerminalSend, aTerminalThatItsFilterClosesDoesNotSend) {
+    const Terminal_ anna = openLocal("anna", {"bert"});
+    anna->setSendFilter(filterOf([&](SP_VekMessage_&) {
+        anna->close();
+        return true;
+    }));
+
+    EXPECT_FALSE(anna->sendMessage(messageTo("bert", 1)));
+
+    EXPECT_EQ(m_records.take(), Records_{error("bool VekmsgConnection_::setMyName(SP_Utf8String_)",
+                                               "VekmsgConnection_::setMyName() null sp_myName")});
+    EXPECT_TRUE(anna->m_activeConnections.empty());
+}
+
 TEST_F(TerminalSend, aFilterMayReceiveOnTheSameTerminal) {
     const Terminal_ anna = openLocal("anna", {"bert"});
     const Terminal_ bert = openLocal("bert", {"anna"});

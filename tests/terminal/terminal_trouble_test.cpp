@@ -92,6 +92,34 @@ TEST_F(TerminalTrouble, blocksReceivedBeforeAReconnectionAreGivenWhileItIsUnderW
     EXPECT_FALSE(gotData);
 }
 
+// The end of the old stream shows only when the second one is there: a new connect is under way by then.
+TEST_F(TerminalTrouble, aStreamThatBeginsToReconnectGivesWayToTheOneThatStands) {
+    const std::string tcp = freeTcpAddress();
+    const Terminal_ anna = open("anna", {local("anna") + " anna", tcp + " bert"});
+    RawListener_ listener(tcp);
+    ASSERT_TRUE(anna->sendMessage(messageTo("bert", 1)));
+    RawPeer_ bert = listener.accept();
+    ASSERT_TRUE(eventually([&] { return anna->pass() && anna->isConnected(utf8("bert")); }));
+    bert.readBlock();
+    bert.readBlock();
+    SystemCalls_ calls;
+    calls.fail(SystemCalls_::Send, EAGAIN);
+    ASSERT_TRUE(anna->sendMessage(messageTo("bert", 2)));
+    ASSERT_TRUE(anna->sendMessage(messageTo("bert", 3)));  // queued behind the one that is pending
+    bert.close();
+    RawPeer_ again(local("anna"));
+    again.write(nameBlock("bert"));
+    calls.fail(SystemCalls_::Connect, EINPROGRESS);
+    m_records.take();
+
+    EXPECT_TRUE(anna->pass());
+
+    EXPECT_TRUE(anna->isConnected(utf8("bert")));
+    EXPECT_EQ(again.readBlock(), messageBlock("bert", "anna", 3));
+    EXPECT_EQ(m_records.take(),
+              Records_{debug(kReconnect, "Reconnecting socket between anna and bert after 1 failures")});
+}
+
 // The old stream is read when the second one shows up. A turn that finds no memory leaves it without a
 // receive: it must not be the one that stays.
 TEST_F(TerminalTrouble, aStreamThatFoundNoMemoryIsNotTheOneThatStays) {

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <stdexcept>
+
 #include "support/allocation_failure.h"
 #include "support/system_calls.h"
 #include "terminal/installation.h"
@@ -320,6 +322,17 @@ TEST_F(TerminalWait, aNullFromTheAccessorIsAClosedTerminal) {
     EXPECT_EQ(VekmsgTerminalImpl_::pollFd(nullptr, 0, 0, noTerminal, reinterpret_cast<char*>(handles)),
               VekmsgTerminal_::POLL_TIMEOUT);
     EXPECT_EQ(pollFd(0, {&closed}), VekmsgTerminal_::POLL_TIMEOUT);
+
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(TerminalWait, anAccessorThatThrowsFailsPollFd) {
+    void* handles[] = {this, nullptr};
+
+    EXPECT_EQ(VekmsgTerminalImpl_::pollFd(
+                  nullptr, 0, 0, [](void*) -> VekmsgTerminalImpl_* { throw std::runtime_error("none"); },
+                  reinterpret_cast<char*>(handles)),
+              VekmsgTerminal_::POLL_ERROR);
 
     EXPECT_EQ(m_records.take(), Records_{});
 }

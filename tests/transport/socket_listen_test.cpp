@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 
 #include <cerrno>
+#include <functional>
 
 #include "support/allocation_failure.h"
 #include "transport/streams.h"
@@ -15,7 +17,33 @@ constexpr char kAccept[] = "bool VekSocket_::accept(SP_VekSocket_&)";
 constexpr char kMake[] = "bool VekSocket_::accept(int, SP_VekSocket_&) const";
 constexpr char kAccepted[] = "bool VekSocket_::accepted(int, VekSocketAddress_::AddressType_)";
 
-using VekSocketListen = SocketTest_;
+class VekSocketListen : public SocketTest_ {
+protected:
+    /// Accepts such clients, each time with another allocation failing, until one needs no more.
+    void expectAddressesNeedMemory(const std::function<void(VekSocket_&)>& start) {
+        unsigned int number = 2;  // the first is the socket itself
+        for (bool hasStruck = true; hasStruck && number < 20; ++number) {
+            VekSocket_ client;
+            start(client);
+            pollfd waiting = {m_socket.descriptor(), POLLIN, 0};
+            ASSERT_EQ(::poll(&waiting, 1, 10000), 1);
+            const int next = nextDescriptor();
+            SP_VekSocket_ sp_accepted;
+            bool isAccepted = false;
+            {
+                AllocationFailure_ failure(number);
+                isAccepted = m_socket.accept(sp_accepted);
+                hasStruck = failure.hasStruck();
+            }
+            EXPECT_NE(isAccepted, hasStruck);
+            EXPECT_EQ(sp_accepted.isNull(), hasStruck);
+            EXPECT_EQ(m_records.take(), Records_{});
+            EXPECT_TRUE(isOpen(next));
+            if (hasStruck) ::close(next);
+        }
+        EXPECT_GT(number, 3U);
+    }
+};
 
 /// A listener with one peer waiting.
 class VekSocketAccept : public SocketTest_ {
@@ -126,6 +154,23 @@ TEST_F(VekSocketListen, aSocketThatDoesNotListenAcceptsNobody) {
     EXPECT_TRUE(sp_accepted.isNull());
     EXPECT_EQ(m_calls.count(SystemCalls_::Accept), before);
     EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(VekSocketListen, nobodyIsAcceptedAtATextThatIsNoAddress) {
+    VekSocketAddress_ noAddress;
+    EXPECT_FALSE(noAddress.setRealName("inettcp://1.2.3.4"));
+    EXPECT_TRUE(m_socket.initialize(noAddress));
+    EXPECT_TRUE(m_socket.listen(20));
+    m_records.take();
+    SP_VekSocket_ sp_accepted(new VekSocket_);
+
+    EXPECT_FALSE(m_socket.accept(sp_accepted));
+
+    EXPECT_TRUE(sp_accepted.isNull());
+    EXPECT_EQ(m_records.take(),
+              Records_{socketRecord(
+                  3, "bool VekSocketAddress_::fillInNative(VekSockNativeAddr_*) const",
+                  "VekSocketAddress_::fillInNative(INET_TCP) wrong native size 0. Expecting 16")});
 }
 
 TEST_F(VekSocketListen, whenNobodyWaitsThereIsNothingToAccept) {
@@ -258,24 +303,21 @@ TEST_F(VekSocketAccept, withoutMemoryForTheSocketTheDescriptorStaysOpen) {
     ::close(m_next);
 }
 
-TEST_F(VekSocketAccept, withoutMemoryForTheAddressesTheDescriptorStaysOpen) {
-    unsigned int number = 2;  // the first is the socket itself
-    for (bool hasStruck = true; hasStruck && number < 20; ++number) {
-        VekSocket_ client;
-        startConnecting(client, m_text);
-        const int next = nextDescriptor();
-        SP_VekSocket_ sp_accepted;
-        {
-            AllocationFailure_ failure(number);
-            m_socket.accept(sp_accepted);
-            hasStruck = failure.hasStruck();
-        }
-        EXPECT_EQ(sp_accepted.isNull(), hasStruck);
-        EXPECT_EQ(m_records.take(), Records_{});
-        EXPECT_TRUE(isOpen(next));
-        if (hasStruck) ::close(next);
-    }
-    EXPECT_GT(number, 3U);
+TEST_F(VekSocketListen, withoutMemoryForTheAddressesTheDescriptorStaysOpen) {
+    const std::string text = listenOn(m_socket, m_folder.localAddress("a socket with a long path"));
+
+    expectAddressesNeedMemory([&](VekSocket_& client) { startConnecting(client, text); });
+    expectAddressesNeedMemory([&](VekSocket_& client) {
+        // This peer has an address, too.
+        EXPECT_TRUE(client.initialize(addressOf(m_folder.localAddress("a client with a long path"))));
+        EXPECT_TRUE(client.connect(addressOf(text)));
+    });
+}
+
+TEST_F(VekSocketListen, withoutMemoryForTcpAddressesTheDescriptorStaysOpen) {
+    const std::string text = listenOn(m_socket, freeTcpAddress());
+
+    expectAddressesNeedMemory([&](VekSocket_& client) { startConnecting(client, text); });
 }
 
 TEST_F(VekSocketAccept, anUnknownOwnNameLeavesTheDescriptorOpen) {
