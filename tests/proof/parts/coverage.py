@@ -11,10 +11,11 @@ import bisect
 import collections
 import dataclasses
 import json
+import re
 import shutil
 import subprocess
 
-from builds import TOP, Failed
+from builds import TOP, Failed, progress
 from report import Figure, Result
 
 NAME = "coverage"
@@ -216,8 +217,8 @@ def plain(name):
 
 
 def line_counts(segments):
-    """How often each line that holds code was run, as llvm-cov shows it, from the points where the count changes: [line,
-    column, count, has a count, opens a region, is a gap]."""
+    """How often each line that holds code was run, as llvm-cov shows it, from the points where the count changes:
+    [line, column, count, has a count, opens a region, is a gap]."""
     by_line = collections.defaultdict(list)
     for segment in segments:
         by_line[segment[0]].append(segment)
@@ -240,20 +241,31 @@ def read_list(bits):
     reasons = {}
     listed = collections.Counter()
     for paragraph in LIST.read_text().split("\n\n"):
-        lines = [line.strip() for line in paragraph.strip().split("\n") if not line.startswith("#")]
-        if not lines:
-            continue
-        file, function, *only = lines[0].split(" ", 2)
-        whats = [line for line in lines[2:] if line.startswith("never ")]
-        reason = " ".join(line for line in lines[2:] if not line.startswith("never "))
-        if only and only[0] not in ("(32 bit)", "(64 bit)") or not whats or not reason.startswith("because "):
-            raise Failed(f"{relative(str(LIST))} cannot be read at \"{lines[0]}\"")
-        if only in ([], [f"({bits} bit)"]):
-            for what in whats:
-                hole = Hole(file, function, lines[1], what, "")
-                listed[hole] += 1
-                reasons[hole] = reason
+        lines = [line for line in paragraph.split("\n") if line and not line.startswith("#")]
+        if lines:
+            holes, reason = read_paragraph(lines, bits)
+            listed.update(holes)
+            reasons.update((hole, reason) for hole in holes)
     return listed, reasons
+
+
+def read_paragraph(lines, bits):
+    """What nothing reaches for one reason. The head of the file shows how such a paragraph looks."""
+    match = re.fullmatch(r"(\S+) (\S+)(?: \((32|64) bit\))?", lines[0])
+    reason = " ".join(line.strip() for line in lines[1:]).partition(" because ")[2]
+    if not match or not reason:
+        raise Failed(f"{relative(str(LIST))} cannot be read at \"{lines[0]}\"")
+    file, function, only = match.groups()
+    holes = []
+    text = None
+    for line in lines[1:]:
+        if line.startswith("    because "):
+            break
+        if line.startswith("        "):
+            holes.append(Hole(file, function, text, line.strip(), ""))
+        else:
+            text = line.strip()
+    return holes if only in (None, str(bits)) else [], f"because {reason}"
 
 
 def measure(builds, bits):
@@ -262,6 +274,7 @@ def measure(builds, bits):
     profiles = builds.folder / preset
     shutil.rmtree(profiles, ignore_errors=True)
     profiles.mkdir()
+    progress(f"running all tests ({preset})")
     tests = builds.run(["ctest", "--preset", preset, "--parallel", str(builds.jobs), "--no-tests=error"], limit=1800,
                        environment={"LLVM_PROFILE_FILE": str(profiles / "%4m.profraw")}, capture=True)
     if tests.returncode != 0:
