@@ -1,6 +1,7 @@
 """The log sites of a finished shared library, read from its file."""
 
 import dataclasses
+import re
 import struct
 
 PREFIX = "vekmsg_log_"
@@ -69,7 +70,9 @@ class _Elf:
 
 def comparable(signature):
     """What all compilers agree on; the captures of the tests compare the same."""
-    return signature.replace(" ", "").replace("libcpp::", "")
+    function, parenthesis, parameters = signature.partition("(")
+    whole = function + parenthesis + re.sub(r"\w*::", "", parameters)
+    return whole.replace(" ", "").replace("libcpp::", "")
 
 
 def read(path):
