@@ -126,6 +126,10 @@ bool isFramed(const VekMessage_& message, const Frame_& expected) {
            isEqual("the time-to-live", message.getTimeToLive(), expected.m_timeToLive);
 }
 
+bool hasSchema(const VekMessage_& message, const char* p_schema) {
+    return std::strcmp(reinterpret_cast<const char*>(message.getPayloadSchema()), p_schema) == 0;
+}
+
 bool fillRequest(VekMessage_& message) {
     const SP_VekmsgElement_ sp_root = message.createElement(TAG_REQUEST);
     const SP_VekmsgElement_ sp_range = message.createElement(TAG_RANGE);

@@ -11,6 +11,7 @@ constexpr const char* PANEL = "panel";          // lists the sensor at its local
 constexpr const char* PANEL_TCP = "panel-tcp";  // lists it at its TCP port
 constexpr const char* PANEL_FAR = "panel-far";  // lists it at the router's local socket
 constexpr const char* SENSOR = "sensor";
+constexpr const char* COMMAND_PREFIX = "vekmsg-";  // and a process id: the names of the command vekmsg
 
 constexpr const char* REQUEST_SCHEMA = "demo reading request 1.0";
 constexpr const char* READING_SCHEMA = "demo reading 1.0";
@@ -45,6 +46,8 @@ bool fillReceipt(VekMessage_& message, const Frame_& arrived);
 bool isReceipt(VekMessage_& message, const Frame_& arrived);
 
 bool isFramed(const VekMessage_& message, const Frame_& expected);
+
+bool hasSchema(const VekMessage_& message, const char* p_schema);
 
 bool isEqual(const char* p_what, unsigned int actual, unsigned int expected);
 bool isEqual(const char* p_what, const Utf8Char_* p_actual, const char* p_expected);

@@ -1,6 +1,6 @@
 // The demo's sensor: a service that answers requests for a reading on a local socket and on a TCP port, and
 // that sends the panel a receipt for each note. Being pinged is the library's work; the sensor only counts
-// it.
+// it. The command vekmsg may ask and ping as often as it likes; only what the panel did counts at the end.
 //
 //     sensor DIRECTORY READY
 //
@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <string>
 
 #include "demo.h"
 
@@ -21,33 +22,59 @@ unsigned int s_requests = 0;
 unsigned int s_notes = 0;
 unsigned int s_pings = 0;
 
-/// Counts the pings on their way to the printer, and checks what they carry.
-class PingWatch_ : public VekmsgFilter_ {
+bool isOfCommand(const Utf8Char_* p_name) {
+    return std::strncmp(reinterpret_cast<const char*>(p_name), COMMAND_PREFIX, std::strlen(COMMAND_PREFIX)) ==
+           0;
+}
+
+/// Prints what passes, but for the pings of the command and their answers: it tells of them itself.
+class Printer_ : public VekmsgFilter_ {
 public:
-    explicit PingWatch_(SP_VekmsgFilter_ sp_printer) : m_sp_printer(sp_printer) {}
+    explicit Printer_(SP_VekmsgFilter_ sp_printer) : m_sp_printer(sp_printer) {}
 
     bool process(SP_VekMessage_& sp_message) override {
-        if (!m_sp_printer->process(sp_message)) return false;
-        const Frame_ ping = {PANEL, SENSOR, PING_SCHEMA, FULL_TIME_TO_LIVE};
-        if (std::strcmp(reinterpret_cast<const char*>(sp_message->getPayloadSchema()), PING_SCHEMA) != 0)
-            return true;
-        ++s_pings;
-        return isFramed(*sp_message, ping) && isText(*sp_message, "are you there?");
+        const bool isLeftOut =
+            (hasSchema(*sp_message, PING_SCHEMA) && isOfCommand(sp_message->getSource())) ||
+            (hasSchema(*sp_message, PING_REPLY_SCHEMA) && isOfCommand(sp_message->getDestination()));
+        return isLeftOut || m_sp_printer->process(sp_message);
     }
 
 private:
     SP_VekmsgFilter_ m_sp_printer;
 };
 
-bool watchPings(VekmsgTerminal_& terminal) {
-    SP_VekmsgFilter_ sp_printer;
-    return terminal.CreateMessagePrinter(&std::cout, "received", sp_printer) &&
-           terminal.setReceiveFilter(SP_VekmsgFilter_(new PingWatch_(sp_printer)));
+/// Counts the panel's pings on their way to the printer, and checks what they carry.
+class PingWatch_ : public Printer_ {
+public:
+    using Printer_::Printer_;
+
+    bool process(SP_VekMessage_& sp_message) override {
+        if (!Printer_::process(sp_message)) return false;
+        const Frame_ ping = {PANEL, SENSOR, PING_SCHEMA, FULL_TIME_TO_LIVE};
+        if (!hasSchema(*sp_message, PING_SCHEMA) || isOfCommand(sp_message->getSource())) return true;
+        ++s_pings;
+        return isFramed(*sp_message, ping) && isText(*sp_message, "are you there?");
+    }
+};
+
+bool watchMessages(VekmsgTerminal_& terminal) {
+    SP_VekmsgFilter_ sp_received;
+    SP_VekmsgFilter_ sp_sent;
+    return terminal.CreateMessagePrinter(&std::cout, "received", sp_received) &&
+           terminal.CreateMessagePrinter(&std::cout, "sends", sp_sent) &&
+           terminal.setReceiveFilter(SP_VekmsgFilter_(new PingWatch_(sp_received))) &&
+           terminal.setSendFilter(SP_VekmsgFilter_(new Printer_(sp_sent)));
+}
+
+/// The component that the next request has to come from.
+std::string expectedSource(const VekMessage_& request) {
+    if (isOfCommand(request.getSource())) return reinterpret_cast<const char*>(request.getSource());
+    return s_requests++ == 0 ? PANEL : PANEL_TCP;
 }
 
 bool answerRequest(VekmsgTerminal_& terminal, const SP_VekMessage_& sp_message) {
-    const char* p_source = s_requests++ == 0 ? PANEL : PANEL_TCP;
-    const Frame_ frame = {p_source, SENSOR, REQUEST_SCHEMA, FULL_TIME_TO_LIVE};
+    const std::string source = expectedSource(*sp_message);
+    const Frame_ frame = {source.c_str(), SENSOR, REQUEST_SCHEMA, FULL_TIME_TO_LIVE};
     return isFramed(*sp_message, frame) && isRequest(*sp_message) && sp_message->swapSourceDestination() &&
            fillReading(*sp_message) && terminal.sendMessage(sp_message);
 }
@@ -62,9 +89,8 @@ bool acknowledgeNote(VekmsgTerminal_& terminal, const SP_VekMessage_& sp_note) {
 }
 
 bool handle(VekmsgTerminal_& terminal, const SP_VekMessage_& sp_message) {
-    const bool isNote =
-        std::strcmp(reinterpret_cast<const char*>(sp_message->getPayloadSchema()), NOTE_SCHEMA) == 0;
-    return isNote ? acknowledgeNote(terminal, sp_message) : answerRequest(terminal, sp_message);
+    return hasSchema(*sp_message, NOTE_SCHEMA) ? acknowledgeNote(terminal, sp_message)
+                                               : answerRequest(terminal, sp_message);
 }
 
 }  // namespace
@@ -73,7 +99,7 @@ int main(int argc, char** argv) {
     if (argc != 3) return 2;
     const int termination = watchForTermination();
     const std::unique_ptr<VekmsgTerminal_> terminal(openTerminal(SENSOR, argv[1]));
-    const bool isReady = termination >= 0 && terminal != nullptr && watchPings(*terminal);
+    const bool isReady = termination >= 0 && terminal != nullptr && watchMessages(*terminal);
     if (!announce(argv[2], isReady ? "ready" : "failed") || !isReady) return 1;
 
     const bool isGood = serve(*terminal, termination, handle) && isEqual("the requests", s_requests, 2) &&

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# The third argument is a sensor that measures something else than the panel expects.
+# The third argument is a sensor that measures something else than the panel expects, the fourth the vekmsg command
+# where it is built.
 . "$(dirname "$0")/support.sh"
-wrong_sensor=$3
+wrong_sensor=$3 command=${4-}
 demo=$sources/examples/demo/run
 mkdir "$scratch/tmp"
 
@@ -61,6 +62,50 @@ rm "$scratch/programs"/*
 ln -s "$programs/panel" "$programs/sensor" "$scratch/programs"
 ln -s /bin/true "$scratch/programs/router"
 demo_ends_with 1 "$scratch/programs"
+
+if [ -n "$command" ]; then
+    printf '%s\n' "--- the command asks what the panel asks"
+    demo_ends_with 0 "$programs" "$command"
+    expect_no_records demo
+    sed -n 's/^\$ vekmsg \([a-z]*\) .*/\1/p' "$scratch/demo.out" >"$scratch/verbs.out"
+    expect_output verbs <<'EOT'
+list
+ping
+call
+check
+EOT
+    [ "$(grep --count ' answers (' "$scratch/demo.out")" = 4 ] || fail "not each address answered, twice"
+    grep --quiet --line-regexp '1 sent, 1 received, 0 lost' "$scratch/demo.out" || fail "the ping is lost"
+    [ "$(grep --count '<vek:Sender>vekmsg-[0-9]*<' "$scratch/demo.out")" = 1 ] ||
+        fail "the sensor shows something else of the command's than its request"
+    tail -n 1 "$scratch/demo.out" >"$scratch/end.out"
+    expect_output end <<'EOT'
+6. The command vekmsg listed, pinged and checked, and got the same reading as the panel.
+EOT
+
+    # A panel that does nothing leaves the rest to the command; the router's watch must not end it before.
+    printf '%s\n' "--- a wrong answer to the command fails it"
+    rm "$scratch/programs"/*
+    ln -s /bin/true "$scratch/programs/panel"
+    ln -s "$wrong_sensor" "$scratch/programs/sensor"
+    # shellcheck disable=SC2016
+    printf '%s\n' '#!/bin/sh' 'trap "exit 0" TERM' 'echo ready >"$2"' 'while :; do sleep 0.1; done' \
+        >"$scratch/programs/router"
+    chmod +x "$scratch/programs/router"
+    demo_ends_with 1 "$scratch/programs" "$command"
+    grep --quiet "the command did not get the sensor's reading" "$scratch/demo.err" ||
+        fail "another thing failed it"
+
+    printf '%s\n' "--- what the command asks does not count for the panel's"
+    ln -sf "$programs/sensor" "$scratch/programs/sensor"
+    demo_ends_with 1 "$scratch/programs" "$command"
+    grep --quiet --line-regexp --fixed-strings 'mismatch: the requests is 0 and not 2' "$scratch/demo.err" ||
+        fail "the sensor counted the command's request"
+
+    printf '%s\n' "--- a command that fails fails it"
+    demo_ends_with 1 "$programs" /bin/false
+    demo_ends_with 2 "$programs" "$scratch/missing"
+fi
 
 printf '%s\n' "--- it needs its programs"
 demo_ends_with 2 "$scratch"
