@@ -17,6 +17,7 @@ constexpr VekmsgTag_ kFillTag = 2;
 constexpr std::size_t kShortestName = 3;
 constexpr unsigned int kMostConnections = 128;
 constexpr unsigned int kListeningSliceMs = 1000;
+constexpr TimeSpan_ kLongestLinger(300);
 
 /// What a ping carries. Answers to pings that an earlier process of this name sent must not count.
 unsigned int marked(unsigned int number) {
@@ -75,7 +76,8 @@ void Session_::open(const std::string& directory) {
     if (!m_terminal.open(utf8(m_name), directory.c_str()))
         throw Failure_(ExitCode_::Directory,
                        "cannot open a terminal: " + records.last("an address cannot be listened on"));
-    if (hasConnection()) m_longestSliceMs = kListeningSliceMs;
+    m_addresses = PollEntries_(m_terminal).m_count;
+    if (m_addresses != 0) m_longestSliceMs = kListeningSliceMs;
 }
 
 SP_VekMessage_ Session_::pingRequest(const std::string& destination, unsigned int number, unsigned int size) {
@@ -143,6 +145,18 @@ void Session_::work(const Deadline_& deadline) {
         }
         if (deadline.isOver() || isEnding()) return;
         waitForEvents(std::min(deadline.leftMs(), m_longestSliceMs));
+    }
+}
+
+void Session_::linger(TimeSpan_ quiet) {
+    const Deadline_ deadline(kLongestLinger);
+    while (!deadline.isOver() && !isEnding()) {
+        SP_VekMessage_ sp_message;
+        if (!m_terminal.receiveMessage(sp_message) || sp_message) return;
+        PollEntries_ entries(m_terminal);
+        const bool isAlone = entries.m_count == m_addresses;
+        const unsigned int ms = std::min(deadline.leftMs(), static_cast<unsigned int>(quiet.count()));
+        if (isAlone || poll(entries.m_entries, entries.m_count, static_cast<int>(ms)) <= 0) return;
     }
 }
 

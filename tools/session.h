@@ -80,6 +80,11 @@ public:
     /// Works on the terminal once, waiting a little for something to do. Drops what comes.
     void workOnce(const Deadline_& deadline);
 
+    /// For who ends behind the last message: goes on until nothing came for the time given, and 300 ms at
+    /// most, so that a ping that proves its delivery is answered. Ends at once when nobody is connected, and
+    /// when another message comes: it is dropped, and a ping behind it should not say otherwise.
+    void linger(TimeSpan_ quiet);
+
     /// Works on the terminal until the deadline, and drops what comes, unless a signal ends the command.
     void work(const Deadline_& deadline);
 
@@ -90,6 +95,7 @@ private:
     VekmsgTerminal_ m_terminal;
     std::string m_name;
     unsigned int m_pings = 0;
+    unsigned int m_addresses = 0;         // listened on
     unsigned int m_longestSliceMs = 100;  // so that a connection that ends is noticed soon
 };
 

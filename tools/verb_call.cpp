@@ -43,6 +43,8 @@ public:
         }
         if (!sp_answer) failWithout(wasConnected, deadline.isOver());
         MessageOutput_(output, common.m_json).write(*sp_answer);
+        output.flush();
+        session.linger(kSlice);
         return ExitCode_::Done;
     }
 

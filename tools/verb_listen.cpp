@@ -9,6 +9,7 @@
 namespace {
 
 constexpr TimeSpan_ kSlice(1000);
+constexpr TimeSpan_ kQuiet(300);  // who sent the last message and wants it confirmed pings by then
 constexpr unsigned int kMostMessages = 1000000000;
 
 /// Stands in for a component and shows what it gets.
@@ -53,6 +54,7 @@ public:
             messages.write(*sp_message);
             if (!m_replyFile.empty()) answer(session, *sp_message, reply);
         }
+        session.linger(kQuiet);
         return ExitCode_::Done;
     }
 

@@ -73,6 +73,45 @@ TEST_F(ListenVerb, everyMessageIsShownAsXml) {
     EXPECT_EQ(ran.m_errors, "vekmsg: listening as kitchen\n");
 }
 
+TEST_F(ListenVerb, whoSentTheLastMessageGetsItConfirmed) {
+    const Words_ directories = {m_directory, m_folder.writeFile("tcp.directory", {m_tcp + " kitchen"})};
+    for (unsigned int i = 0; i < 10; ++i) {
+        const std::string& directory = directories[i % 2];
+        RunningCommand_ listening({"listen", "-D", directory, "kitchen", "-C", "1", "-F", "%p"});
+        EXPECT_EQ(vekmsg({"wait", "-q", "-D", directory, "--timeout=60s", "kitchen"}).m_exitCode, 0);
+
+        const Ran_ sent = vekmsg({"send", "-D", directory, "--timeout=30s", "kitchen", "5:u=7"});
+
+        EXPECT_EQ(sent.m_exitCode, 0) << sent.m_errors;
+        const Ran_ ran = listening.wait();
+        EXPECT_EQ(ran.m_exitCode, 0) << ran.m_errors;
+        EXPECT_EQ(ran.m_output, "{\"tag\":5,\"uint\":7}\n");
+    }
+}
+
+TEST_F(ListenVerb, theLastOfManyMessagesIsConfirmed) {
+    RunningCommand_ listening(words({"-C", "3", "-q", "-F", "%p"}));
+    waitForKitchen();
+
+    for (unsigned int i = 0; i < 3; ++i) EXPECT_EQ(send({"5:u=7"}).m_exitCode, 0);
+
+    EXPECT_EQ(listening.wait().m_exitCode, 0);
+}
+
+TEST_F(ListenVerb, whoStaysConnectedOrGoesOnSendingDoesNotKeepIt) {
+    RunningCommand_ listening(words({"-C", "1", "-q", "-F", "%S"}));
+    waitForKitchen();
+    Station_ guest("guest", m_directory);
+    EXPECT_TRUE(guest.send("kitchen", "first", 7));
+    EXPECT_TRUE(guest.workUntil([&] { return listening.says("first\n", 0); }));
+    guest.send("kitchen", "second", 8);
+
+    const Ran_ ran = listening.wait();
+
+    EXPECT_EQ(ran.m_exitCode, 0);
+    EXPECT_EQ(ran.m_output, "first\n");
+}
+
 TEST_F(ListenVerb, jsonIsALineForEachMessageThatCanBeSentAgain) {
     RunningCommand_ listening(words({"-C", "1", "--json", "-q"}));
     waitForKitchen();

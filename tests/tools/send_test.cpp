@@ -265,6 +265,25 @@ TEST_F(CallVerb, theAnswerIsShown) {
     EXPECT_TRUE(areValid(json.m_output, kSchema));
 }
 
+// Not each time: a caller that gets no processor for a while may miss the ping behind the answer.
+TEST_F(CallVerb, whoAnswersCanHaveItConfirmed) {
+    const std::string seen = m_folder.path("seen");
+    const Component_ kitchen(
+        "kitchen", m_directory, [seen](Station_& station, const SP_VekMessage_& sp_message) {
+            const std::string asker = plain(sp_message->getSource());
+            std::ofstream(seen, std::ios::app) << plain(sp_message->getPayloadSchema()) << '\n';
+            if (plain(sp_message->getPayloadSchema()) != "order") return;
+            station.send(asker, "answer", 7);
+            usleep(5000);  // so that the caller reads the answer alone
+            station.send(asker, "VEK Pinger Request Format version 1.0", 1);
+        });
+    const auto isConfirmed = [&] {
+        EXPECT_EQ(call({"kitchen", "--schema=order", "5:u=7"}).m_exitCode, 0);
+        return this->seen().find("VEK Pinger Reply Format version 1.0\n") != std::string::npos;
+    };
+    EXPECT_TRUE(eventually(isConfirmed, 30000));
+}
+
 TEST_F(CallVerb, noAnswerTimesOut) {
     const Component_ kitchen = component("kitchen");
 
