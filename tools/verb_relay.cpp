@@ -138,10 +138,10 @@ private:
     void show(const Transit_& transit, const std::string& reason) {
         const char* p_what = reason.empty() ? "forwarded" : "dropped";
         if (m_p_common->m_json == JsonStyle_::None) {
-            return m_p_output->line(
-                printableText(std::string(p_what) + ' ' + transit.m_source + " -> " + transit.m_destination +
-                              " ttl " + std::to_string(transit.m_timeToLive) + " \"" + transit.m_schema +
-                              '"' + (reason.empty() ? "" : ": " + reason)));
+            return addLine(printableText(std::string(p_what) + ' ' + transit.m_source + " -> " +
+                                         transit.m_destination + " ttl " +
+                                         std::to_string(transit.m_timeToLive) + " \"" + transit.m_schema +
+                                         '"' + (reason.empty() ? "" : ": " + reason)));
         }
         Json_ json;
         json["relay"] = p_what;
@@ -169,8 +169,7 @@ private:
     Output_* m_p_output = nullptr;
     CaughtRecords_* m_p_records = nullptr;
     TransitFilter_* m_p_filter = nullptr;  // owned by the terminal
-    std::string
-        m_lines;  // not written inside the filter: a reader that has left must not end the terminal's work
+    std::string m_lines;  // not written in the filter, where the library would catch that the reader has left
     unsigned long m_forwarded = 0;
     unsigned long m_dropped = 0;
 };

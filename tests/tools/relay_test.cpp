@@ -226,3 +226,22 @@ TEST_F(RelayVerb, aReaderThatLeavesEndsItAndNoSocketFileIsLeft) {
     EXPECT_EQ(ran.m_errors, "vekmsg: relaying as relay\n");
     EXPECT_FALSE(std::filesystem::exists(m_folder.path("relay")));
 }
+
+TEST_F(RelayVerb, aReaderThatLeftEndsItAmidMessagesThatCameTogether) {
+    How_ how;
+    how.m_isClosedOutput = true;
+    for (const char* p_option : {"--json", "-v"}) {
+        RunningCommand_ relay(words({p_option}), how);
+        waitForRelay();
+        relay.signal(SIGSTOP);  // so that it reads several at once
+        How_ lines;
+        for (unsigned int i = 0; i < 20; ++i) lines.m_input += "5:u=" + std::to_string(i) + '\n';
+        EXPECT_EQ(vekmsg({"send", "-D", m_shop, "--no-confirm", "attic", "-l"}, lines).m_exitCode, 0);
+
+        relay.signal(SIGCONT);
+
+        const Ran_ ran = relay.wait();
+        EXPECT_EQ(ran.m_exitCode, 141) << ran.m_errors;
+        EXPECT_FALSE(std::filesystem::exists(m_folder.path("relay")));
+    }
+}
