@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <regex>
 #include <stdexcept>
 
 #include "tools/command.h"
@@ -79,6 +80,14 @@ public:
 private:
     int m_descriptor;
 };
+
+/// What the service manager has to say about a unit file. It ends with 0 where it only ignores something.
+std::string verified(const std::string& file) {
+    How_ how;
+    how.m_isShell = true;
+    const Ran_ ran = vekmsg({"systemd-analyze verify --man=no " + file + " 2>&1 | grep vekmsg-"}, how);
+    return ran.m_output;
+}
 
 }  // namespace
 
@@ -244,4 +253,26 @@ TEST_F(RelayVerb, aReaderThatLeftEndsItAmidMessagesThatCameTogether) {
         EXPECT_EQ(ran.m_exitCode, 141) << ran.m_errors;
         EXPECT_FALSE(std::filesystem::exists(m_folder.path("relay")));
     }
+}
+
+TEST_F(RelayVerb, theServiceManagerUnderstandsItsUnit) {
+    How_ how;
+    how.m_isShell = true;
+    if (vekmsg({"command -v systemd-analyze"}, how).m_exitCode != 0)
+        GTEST_SKIP() << "systemd-analyze is not here (Debian package systemd): nobody looked at the unit";
+    std::string unit = readFile(VEKMSG_TOOLS_FOLDER "/vekmsg-relay@.service");
+    const std::string installed = "ExecStart=vekmsg ";
+    ASSERT_NE(unit.find(installed), std::string::npos);
+    unit.replace(unit.find(installed), installed.size(), "ExecStart=" VEKMSG_COMMAND " ");
+
+    EXPECT_EQ(verified(m_folder.writeFile("vekmsg-relay@.service", {unit})), "");
+
+    // It does look.
+    const std::string unknown =
+        m_folder.writeFile("vekmsg-unknown@.service", {unit, "[Service]", "Type=odd"});
+    EXPECT_NE(verified(unknown).find("Failed to parse service type"), std::string::npos);
+    const std::string missing = m_folder.writeFile(
+        "vekmsg-missing@.service", {std::regex_replace(unit, std::regex("ExecStart=.* relay"),
+                                                       "ExecStart=" + m_folder.path("none") + " relay")});
+    EXPECT_NE(verified(missing).find("is not executable"), std::string::npos);
 }
