@@ -13,8 +13,6 @@ at_tab() {
 
 class CompletionVerb : public testing::TestWithParam<const char*> {
 protected:
-    static constexpr int kIsTimedOut = 124;  // how timeout(1) ends then
-
     CompletionVerb() {
         m_directory = m_folder.writeFile("shop.directory",
                                          {"local:///tmp/kitchen kitchen", "local:///tmp/cellar cellar",
@@ -23,20 +21,18 @@ protected:
 
     /// What the shell offers behind these words, the last of which may be the beginning of one.
     std::string offers(const std::string& words) const {
-        // zsh runs such functions as a POSIX shell would.
+        // zsh runs such functions as a POSIX shell would. It begins programs with signals held back, for
+        // which the leak check of an instrumented one has been seen to wait for ever.
         const bool isZsh = std::string(GetParam()) == "zsh";
         const std::string start =
-            isZsh ? "timeout 10 zsh -fc 'emulate sh; setopt kshglob noshglob braceexpand\n"
+            isZsh ? "ASAN_OPTIONS=detect_leaks=0 zsh -fc 'emulate sh; setopt kshglob noshglob braceexpand\n"
                     "complete() { :; }\nautoload() { :; }\nbashcompinit() { :; }\n"
                   : "bash -c '";
         How_ how;
         how.m_isShell = true;
         const Words_ command = {start + "eval \"$(vekmsg completion " + GetParam() + ")\"\n" + kAtTab +
                                 "at_tab " + words + "'"};
-        Ran_ ran = vekmsg(command, how);
-        // Now and then zsh misses the end of a process in a substitution, and waits for it for ever.
-        for (int again = 0; isZsh && ran.m_exitCode == kIsTimedOut && again < 4; ++again)
-            ran = vekmsg(command, how);
+        const Ran_ ran = vekmsg(command, how);
         EXPECT_EQ(ran.m_errors, "");
         return ran.m_output;
     }
