@@ -1,7 +1,11 @@
 // What do the protocol's own system calls cost? The same bytes in the same blocks as the library's, with
-// nothing but the calls that the protocol needs: a send per message; a poll, an accept that would block, two
-// receives and one that would block. With --blocking it is the floor: blocking sockets, one send and two
-// receives.
+// nothing but the calls that the protocol needs, for every message: a send; a poll, an accept that would
+// block, two receives and one that would block.
+//
+//     (no variant)          those calls; with several peers it asks each socket that is quiet as well
+//     --variant blocking    the floor: blocking sockets, one send and two receives
+//     --polls N             for a comparison with a library that asks the kernel with N polls over all its
+//                           descriptors: these, and no call that would block
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -14,70 +18,108 @@
 
 #include <cerrno>
 #include <cstring>
-#include <deque>
-#include <string>
-#include <vector>
+#include <map>
 
 #include "transfer.h"
-
-const char* const g_p_programName = "bare";
 
 namespace {
 
 constexpr std::size_t kHeaderSize = 4;
+constexpr int kWaitTime = 1000;  // milliseconds
 
-int makeSocket(const Options_& options, const Meeting_& meeting, const std::string& port,
-               sockaddr_storage& address, socklen_t& length) {
-    address = {};
+/// What a message adds to its payload on the stream: block header, names, time-to-live, schema and element
+/// headers.
+constexpr std::size_t kFraming = kHeaderSize + 9 + 8 + 4 + 2 + 4 * 6 + 12;
+
+struct Address_ {
+    sockaddr_storage m_bytes = {};
+    socklen_t m_length = 0;
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&m_bytes); }
+};
+
+Address_ makeAddress(const Options_& options, const Meeting_& meeting, const std::string& name,
+                     const std::string& port) {
+    Address_ address;
     if (options.m_isTcp) {
-        auto& inet = reinterpret_cast<sockaddr_in&>(address);
+        auto& inet = reinterpret_cast<sockaddr_in&>(address.m_bytes);
         inet.sin_family = AF_INET;
         inet.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         inet.sin_port = htons(static_cast<std::uint16_t>(std::stoul(port)));
-        length = sizeof(inet);
+        address.m_length = sizeof(inet);
     } else {
-        auto& local = reinterpret_cast<sockaddr_un&>(address);
+        auto& local = reinterpret_cast<sockaddr_un&>(address.m_bytes);
         local.sun_family = AF_UNIX;
-        std::strncpy(local.sun_path, (meeting.m_folder + "/" + port).c_str(), sizeof(local.sun_path) - 1);
-        length = sizeof(local);
+        std::strncpy(local.sun_path, (meeting.m_folder + "/" + name).c_str(), sizeof(local.sun_path) - 1);
+        address.m_length = sizeof(local);
     }
-    const int descriptor = socket(address.ss_family, SOCK_STREAM, 0);
+    return address;
+}
+
+void makeNonBlocking(int descriptor) {
+    fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);
+}
+
+int listenAt(const Address_& address) {
+    const int descriptor = socket(address.m_bytes.ss_family, SOCK_STREAM, 0);
     const int on = 1;
-    if (descriptor < 0) fail("making a socket");
-    if (options.m_isTcp) setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (bind(descriptor, address.get(), address.m_length) != 0 || listen(descriptor, 20) != 0)
+        fail("listening");
+    return descriptor;
+}
+
+int connectTo(const Address_& address) {
+    const int descriptor = socket(address.m_bytes.ss_family, SOCK_STREAM, 0);
+    if (connect(descriptor, address.get(), address.m_length) != 0) fail("connecting");
+    return descriptor;
+}
+
+/// One end of a stream on which nothing comes.
+int quietStream(const Address_& listeningAt, int listener) {
+    const int descriptor = connectTo(listeningAt);
+    if (::accept(listener, nullptr, nullptr) < 0) fail("accepting");
+    makeNonBlocking(descriptor);
     return descriptor;
 }
 
 class BareSide_ : public Side_ {
 public:
-    BareSide_(const Options_& options, int listener)
-        : m_isBlocking(options.m_isBlocking), m_listener(listener) {}
-
-    void connectTo(int descriptor) {
-        m_descriptor = descriptor;
-        if (m_isBlocking) return;
-        fcntl(m_descriptor, F_SETFL, fcntl(m_descriptor, F_GETFL) | O_NONBLOCK);
-        if (m_listener >= 0) fcntl(m_listener, F_SETFL, fcntl(m_listener, F_GETFL) | O_NONBLOCK);
+    /// A side that listens, as every component does. Its pass asks that socket as well.
+    BareSide_(const Options_& options, const Address_& own)
+        : m_isBlocking(options.m_variant == "blocking"),
+          m_polls(options.m_polls),
+          m_isAskingAll(options.m_mode == Mode_::RoundTrip),
+          m_entries{{listenAt(own), POLLIN, 0}},
+          m_quiet(quietStream(own, m_entries[0].fd)) {
+        if (!m_isBlocking) makeNonBlocking(m_entries[0].fd);
     }
 
-    void send(const unsigned char* p_bytes, std::size_t size) override {
+    void add(int descriptor) {
+        const int on = 1;
+        setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        if (!m_isBlocking) makeNonBlocking(descriptor);
+        m_entries.push_back({descriptor, POLLIN, 0});
+    }
+
+    void send(unsigned int to, const unsigned char* p_bytes, std::size_t size) override {
+        const auto route = m_routes.find(to);
+        const int descriptor = route == m_routes.end() ? m_entries[1].fd : route->second;
         const std::size_t payload = size + kFraming - kHeaderSize;
-        std::vector<unsigned char>& block = m_block;
-        block.resize(kHeaderSize + payload);
-        block[0] = 0;
-        block[1] = 2;
-        block[2] = static_cast<unsigned char>(payload >> 8);
-        block[3] = static_cast<unsigned char>(payload);
-        std::memcpy(block.data() + block.size() - size, p_bytes, size);
+        m_block.resize(kHeaderSize + payload);
+        m_block[0] = 0;
+        m_block[1] = 2;
+        m_block[2] = static_cast<unsigned char>(payload >> 8);
+        m_block[3] = static_cast<unsigned char>(payload);
+        std::memcpy(m_block.data() + m_block.size() - size, p_bytes, size);
         std::size_t done = 0;
-        while (done < block.size()) {
+        while (done < m_block.size()) {
             const ssize_t written =
-                ::send(m_descriptor, block.data() + done, block.size() - done, MSG_NOSIGNAL);
+                ::send(descriptor, m_block.data() + done, m_block.size() - done, MSG_NOSIGNAL);
             if (written > 0) {
                 done += static_cast<std::size_t>(written);
             } else if (errno == EAGAIN) {
-                pollfd entry = {m_descriptor, POLLOUT, 0};
-                poll(&entry, 1, 1000);
+                pollfd entry = {descriptor, POLLOUT, 0};
+                poll(&entry, 1, kWaitTime);
             } else {
                 fail("sending");
             }
@@ -85,115 +127,113 @@ public:
     }
 
     std::size_t receive(unsigned char* p_bytes, std::size_t capacity) override {
-        if (m_isBlocking) {
-            std::size_t size = 0;
-            if (!readBlock(size)) fail("receiving");
-            return handOut(p_bytes, capacity, size);
-        }
-        while (m_waiting.empty()) {
-            pollfd entries[2] = {{m_descriptor, POLLIN, 0}, {m_listener, POLLIN, 0}};
-            poll(entries, m_listener >= 0 ? 2 : 1, 1000);
-            if (m_listener >= 0) ::accept(m_listener, nullptr, nullptr);
-            std::size_t size = 0;
-            while (readBlock(size))
-                m_waiting.emplace_back(m_received.begin(), m_received.begin() + static_cast<long>(size));
-        }
-        m_received.swap(m_waiting.front());
-        m_waiting.pop_front();
-        return handOut(p_bytes, capacity, m_received.size());
+        const std::size_t blockSize = m_isBlocking ? receiveBlocking() : receivePolled();
+        const std::size_t size = blockSize - (kFraming - kHeaderSize);
+        if (size > capacity) fail("a message that is too long");
+        std::memcpy(p_bytes, m_received.data() + blockSize - size, size);
+        m_routes.emplace(senderOf(p_bytes), m_entries[m_last].fd);
+        return size;
     }
 
 private:
-    /// False when nothing has come; a block that has begun is waited for.
-    bool readBlock(std::size_t& size) {
-        unsigned char header[kHeaderSize];
-        if (!readAll(header, kHeaderSize)) return false;
-        size = static_cast<std::size_t>(header[2] << 8 | header[3]);
-        if (m_received.size() < size) m_received.resize(size);
-        while (!readAll(m_received.data(), size)) {
-        }
-        return true;
+    std::size_t receiveBlocking() {
+        if (m_entries.size() == 1) add(::accept(m_entries[0].fd, nullptr, nullptr));
+        m_last = 1;
+        return readBlock(m_entries[1].fd);
     }
-    bool readAll(unsigned char* p_bytes, std::size_t size) {
+
+    std::size_t receivePolled() {
+        for (;;) {
+            poll(m_entries.data(), m_entries.size(), kWaitTime);
+            for (unsigned int i = 1; i < m_polls; ++i) poll(m_entries.data(), m_entries.size(), 0);
+            if (m_polls == 0 || m_entries[0].revents != 0) acceptOne();
+            if (m_polls == 0 && m_isAskingAll) askTheQuiet();
+            const std::size_t ready = nextReady();
+            if (ready == 0) continue;
+            m_last = ready;
+            const std::size_t size = readBlock(m_entries[ready].fd);
+            // Another message may have come on the busy one: the receive that would block is made elsewhere.
+            if (m_polls == 0) askIt(m_quiet);
+            return size;
+        }
+    }
+
+    void acceptOne() {
+        const int descriptor = ::accept(m_entries[0].fd, nullptr, nullptr);
+        if (descriptor >= 0) add(descriptor);
+    }
+    void askTheQuiet() {
+        for (std::size_t i = 1; i < m_entries.size(); ++i)
+            if (m_entries[i].revents == 0) askIt(m_entries[i].fd, MSG_PEEK);
+    }
+    void askIt(int descriptor, int flags = 0) {
+        unsigned char header[kHeaderSize];
+        static_cast<void>(::recv(descriptor, header, sizeof(header), flags));
+    }
+
+    /// The connections take turns. 0 when none is ready.
+    std::size_t nextReady() const {
+        const std::size_t connections = m_entries.size() - 1;
+        for (std::size_t i = 0; i < connections; ++i) {
+            const std::size_t place = (m_last + i) % connections + 1;
+            if (m_entries[place].revents != 0) return place;
+        }
+        return 0;
+    }
+
+    std::size_t readBlock(int descriptor) {
+        unsigned char header[kHeaderSize];
+        readAll(descriptor, header, kHeaderSize);
+        const auto size = static_cast<std::size_t>(header[2] << 8 | header[3]);
+        if (m_received.size() < size) m_received.resize(size);
+        readAll(descriptor, m_received.data(), size);
+        return size;
+    }
+    static void readAll(int descriptor, unsigned char* p_bytes, std::size_t size) {
         std::size_t done = 0;
         while (done < size) {
-            const ssize_t count = ::recv(m_descriptor, p_bytes + done, size - done, 0);
+            const ssize_t count = ::recv(descriptor, p_bytes + done, size - done, 0);
             if (count > 0) {
                 done += static_cast<std::size_t>(count);
             } else if (count == 0) {
                 fail("the peer");
             } else if (errno != EAGAIN) {
                 fail("receiving");
-            } else if (done == 0) {
-                return false;
             } else {
-                pollfd entry = {m_descriptor, POLLIN, 0};
-                poll(&entry, 1, 1000);
+                pollfd entry = {descriptor, POLLIN, 0};
+                poll(&entry, 1, kWaitTime);
             }
         }
-        return true;
-    }
-    std::size_t handOut(unsigned char* p_bytes, std::size_t capacity, std::size_t blockSize) {
-        const std::size_t size = blockSize - (kFraming - kHeaderSize);
-        if (size > capacity) fail("a message that is too long");
-        std::memcpy(p_bytes, m_received.data() + blockSize - size, size);
-        return size;
     }
 
     bool m_isBlocking;
-    int m_listener;
-    int m_descriptor = -1;
+    unsigned int m_polls;
+    bool m_isAskingAll;
+    std::vector<pollfd> m_entries;  // the listening socket, then the connections
+    int m_quiet;
+    std::size_t m_last = 0;  // the entry that the last message came from
+    std::map<unsigned int, int> m_routes;
     std::vector<unsigned char> m_block;
     std::vector<unsigned char> m_received;
-    std::deque<std::vector<unsigned char>> m_waiting;
 };
 
-/// Accepts its peer when it is first asked to receive, so that both sides can be made in any order.
-class BareReceiver_ : public BareSide_ {
-public:
-    BareReceiver_(const Options_& options, int listener)
-        : BareSide_(options, listener), m_listener(listener) {}
+Address_ receiverAddress(const Options_& options, const Meeting_& meeting) {
+    return makeAddress(options, meeting, "receiver", meeting.m_receiverPort);
+}
 
-    std::size_t receive(unsigned char* p_bytes, std::size_t capacity) override {
-        if (!m_isConnected) {
-            const int descriptor = ::accept(m_listener, nullptr, nullptr);
-            const int on = 1;
-            if (descriptor < 0) fail("accepting");
-            setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-            connectTo(descriptor);
-            m_isConnected = true;
-        }
-        return BareSide_::receive(p_bytes, capacity);
-    }
+std::unique_ptr<Side_> makeReceiver(const Options_& options, const Meeting_& meeting) {
+    if (options.m_variant == "blocking" && options.m_peers > 1) refuse("several peers with blocking sockets");
+    return std::make_unique<BareSide_>(options, receiverAddress(options, meeting));
+}
 
-private:
-    int m_listener;
-    bool m_isConnected = false;
-};
+std::unique_ptr<Side_> makeSender(const Options_& options, const Meeting_& meeting, unsigned int number) {
+    const Address_ own =
+        makeAddress(options, meeting, "sender" + std::to_string(number), meeting.m_senderPorts[number]);
+    auto sp_side = std::make_unique<BareSide_>(options, own);
+    sp_side->add(connectTo(receiverAddress(options, meeting)));
+    return sp_side;
+}
 
 }  // namespace
 
-Side_* makeReceiver(const Options_& options, const Meeting_& meeting) {
-    sockaddr_storage address;
-    socklen_t length = 0;
-    const int listener = makeSocket(options, meeting, meeting.m_receiverPort, address, length);
-    const int on = 1;
-    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listener, 20) != 0)
-        fail("listening");
-    return new BareReceiver_(options, listener);
-}
-
-Side_* makeSender(const Options_& options, const Meeting_& meeting) {
-    sockaddr_storage address;
-    socklen_t length = 0;
-    const int descriptor = makeSocket(options, meeting, meeting.m_receiverPort, address, length);
-    if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), length) != 0) fail("connecting");
-    // A component listens too, and its pass asks that socket as well.
-    const int listener = makeSocket(options, meeting, meeting.m_senderPort, address, length);
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listener, 20) != 0)
-        fail("listening");
-    auto* p_side = new BareSide_(options, listener);
-    p_side->connectTo(descriptor);
-    return p_side;
-}
+const Program_ g_program = {"bare", makeReceiver, makeSender};
