@@ -1,6 +1,7 @@
 #include "transfer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sched.h>
@@ -309,10 +310,12 @@ struct Report_ {
     Counters_ m_counters;
 };
 
-/// Of all threads of this process. What else runs on the machine adds little to it.
-double cpuSeconds() {
+/// Of all threads of a process. What else runs on the machine adds little to it.
+double cpuSeconds(pid_t process) {
+    clockid_t clock = 0;
     timespec time = {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &time) != 0)
+        fail("asking for the processor time");
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
@@ -321,11 +324,11 @@ Report_ measure(End& end, const Options_& options) {
     const unsigned long segments = options.m_isTcp ? segmentsSent() : 0;
     const Counters_ before = counters();
     countCalls(options.m_isCounted);
-    const double cpu = cpuSeconds();
+    const double cpu = cpuSeconds(getpid());
     const auto start = std::chrono::steady_clock::now();
     end.run();
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-    const double cpuSpent = cpuSeconds() - cpu;
+    const double cpuSpent = cpuSeconds(getpid()) - cpu;
     countCalls(false);
     return {elapsed.count(), cpuSpent, options.m_isTcp ? segmentsSent() - segments : 0, counters() - before};
 }
@@ -398,6 +401,8 @@ pid_t startBroker(const std::vector<std::string>& command,
     const pid_t broker = fork();
     if (broker == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int log = open((meeting.m_folder + "/broker.log").c_str(), O_WRONLY | O_CREAT, 0600);
+        dup2(log, STDERR_FILENO);
         execvp(arguments[0], arguments.data());
         _exit(127);
     }
@@ -431,11 +436,14 @@ int main(int argc, char** argv) {
     char sign = 0;
     close(ready[1]);
     close(reports[1]);
+    double brokerSeconds = 0;
     Report_ sent = {};
     Report_ received = {};
     if (read(ready[0], &sign, 1) == 1) {
         Senders_ senders(options, meeting);
+        const double brokerBefore = broker != 0 ? cpuSeconds(broker) : 0;
         sent = measure(senders, options);
+        if (broker != 0) brokerSeconds = cpuSeconds(broker) - brokerBefore;
         if (read(reports[0], &received, sizeof(received)) != sizeof(received)) fail("the receiver");
         close(finished[1]);
         waitpid(receiver, nullptr, 0);
@@ -448,8 +456,10 @@ int main(int argc, char** argv) {
         kill(broker, SIGTERM);
         waitpid(broker, nullptr, 0);
     }
-    std::printf("{\"program\":\"%s\",\"nanoseconds\":%.1f", g_program.m_p_name,
-                sent.m_seconds / static_cast<double>(options.m_count) * 1e9);
+    const auto count = static_cast<double>(options.m_count);
+    const double cpu = sent.m_cpuSeconds + received.m_cpuSeconds + brokerSeconds;
+    std::printf("{\"program\":\"%s\",\"nanoseconds\":%.1f,\"cpuNanoseconds\":%.1f", g_program.m_p_name,
+                sent.m_seconds / count * 1e9, cpu / count * 1e9);
     print(options, "sender", sent);
     print(options, "receiver", received);
     std::printf("}\n");
