@@ -2,176 +2,301 @@
 """Runs the benchmark programs interleaved and reports medians, spreads and ratios."""
 
 import argparse
+import collections
 import json
 import os
 import platform
+import shutil
 import statistics
 import subprocess
 import sys
+import tempfile
 
-TRANSPORTS = ("unix", "tcp")
-MODES = ("rtt", "stream")
-SIZES = (64, 1024, 8192)
-PROGRAMS = {  # name in the report: program and its own options
-    "bare blocking": ("bare_transfer", ["--blocking"]),
-    "bare protocol": ("bare_transfer", []),
-    "libvekmsg": ("vekmsg_transfer", []),
-}
+import report
+
 BASE = "bare protocol"
-CORES = "one"  # cross-core wake-ups vary more than what is being measured
-MODE_NAMES = {"rtt": "round trip", "stream": "one way"}
-COUNTS = {"rtt": 20000, "stream": 40000}
+LIBRARY = "libvekmsg"
+SAME_POLLS = "bare, same polls"
+TIME_LIMIT = 150  # seconds, beyond the programs' own
+JOINED_BELOW = 0.5  # segments per message: fewer mean that TCP joined messages
+
+Program = collections.namedtuple("Program", "name executable options")
+OWN_PROGRAMS = [
+    Program("bare blocking", "bare_transfer", ["--variant", "blocking"]),
+    Program(BASE, "bare_transfer", []),
+    Program(LIBRARY, "vekmsg_transfer", []),
+    Program("libvekmsg in C", "vekmsg_transfer", ["--variant", "c"]),
+]
+PEER_PROGRAMS = [
+    Program("ZeroMQ", "peers/zeromq_transfer", []),
+    Program("nng", "peers/nng_transfer", []),
+    Program("nanomsg", "peers/nanomsg_transfer", []),
+    Program("sd-bus", "peers/sdbus_transfer", []),
+    Program("sd-bus, daemon", "peers/sdbus_transfer", ["--variant", "daemon"]),
+    Program("gRPC", "peers/grpc_transfer", []),
+    Program("Cap'n Proto", "peers/capnproto_transfer", []),
+    Program("MQTT", "peers/mqtt_transfer", []),
+]
+CODECS = {LIBRARY: "vekmsg_codec", "protobuf": "peers/protobuf_codec", "msgpack": "peers/msgpack_codec",
+          "Cap'n Proto": "peers/capnproto_codec", "FlatBuffers": "peers/flatbuffers_codec"}
+PAYLOADS = ("one number", "ten leaves", "hundred leaves")
+
+Case = collections.namedtuple("Case", "transport mode size peers batch cores")
+COUNTS = {"rtt": 20000, "stream": 40000, "burst": 8000, "fanin": 40000}
+QUICK_PART = 20  # of those counts
+PEER_PART = 4
+COUNTED_PART = 10
+MANY_PART = 4  # a pass over many connections takes long
+
+
+def cases():
+    one = [Case(transport, mode, size, 1, 0, "one")
+           for transport in report.TRANSPORTS for mode in ("rtt", "stream") for size in report.SIZES]
+    placed = [Case(transport, mode, 64, 1, 0, cores)
+              for transport in report.TRANSPORTS for mode in ("rtt", "stream") for cores in ("two", "free")]
+    bursts = [Case(transport, "burst", 64, 1, batch, "one")
+              for transport in report.TRANSPORTS for batch in report.BATCHES]
+    fans = [Case(transport, "fanin", 64, peers, 0, "one")
+            for transport in report.TRANSPORTS for peers in (1, *report.PEERS)]
+    many = [Case(transport, "rtt", 64, peers, 0, "one") for transport in report.TRANSPORTS for peers in report.PEERS]
+    return one + placed + bursts + fans + many
 
 
 def progress(text):
     print(text, file=sys.stderr, flush=True)
 
 
-def run(programs, arguments):
-    result = subprocess.run([os.path.join(programs, arguments[0]), *arguments[1:]], capture_output=True, text=True,
-                            timeout=300)
-    if result.returncode != 0:
-        sys.exit(f"{' '.join(arguments)} failed: {result.stderr.strip()}")
-    return json.loads(result.stdout)
+class Runner:
+    """Runs programs of one build and remembers which of them cannot do what."""
+
+    def __init__(self, folder, is_quick):
+        self.folder = os.path.join(folder, "bench")
+        self.is_quick = is_quick
+        self.notes = []
+
+    def has(self, executable):
+        return os.path.exists(os.path.join(self.folder, executable))
+
+    def json_of(self, arguments):
+        """Standard output as JSON; or, where the program has no such mode or fails, None and why."""
+        try:
+            result = subprocess.run([os.path.join(self.folder, arguments[0]), *arguments[1:]], capture_output=True,
+                                    text=True, timeout=TIME_LIMIT, check=False)
+        except subprocess.TimeoutExpired:
+            return None, "over time"
+        if result.returncode != 0:
+            return None, result.stderr.strip().splitlines()[-1] if result.stderr.strip() else f"exit {result.returncode}"
+        return json.loads(result.stdout), ""
+
+    def transfer(self, program, case, part=1, more=()):
+        count = COUNTS[case.mode] // part // (QUICK_PART if self.is_quick else 1)
+        arguments = [program.executable, *program.options, *more, "--transport", case.transport, "--mode", case.mode,
+                     "--size", str(case.size), "--count", str(max(count, 64)), "--peers", str(case.peers),
+                     "--cores", case.cores]
+        if case.batch:
+            arguments += ["--batch", str(case.batch)]
+        line, why = self.json_of(arguments)
+        if line is None:
+            note = f"{program.name}, {report.describe(case._asdict())}: {why}"
+            if program in OWN_PROGRAMS and "not available" not in why:
+                sys.exit(f"{note}\n{' '.join(arguments)} failed")
+            if note not in self.notes:
+                self.notes.append(note)
+        return line
 
 
-def transfers(programs, rounds, counts):
+def part_of(program, case):
+    part = PEER_PART if program in PEER_PROGRAMS else 1
+    return part * (MANY_PART if case.mode == "rtt" and case.peers > 1 else 1)
+
+
+def count_calls(runner):
+    """Calls and allocations per unit, in runs of their own because counting takes time."""
+    counted = {}
+    for case in cases():
+        if case.cores != "one":
+            continue
+        for program in OWN_PROGRAMS:
+            line = runner.transfer(program, case, COUNTED_PART, ["--counted"])
+            if line:
+                counted[case, program.name] = {side: line[side] for side in ("sender", "receiver")}
+    return counted
+
+
+def same_polls(case, counted):
+    """A bare program that polls as often as the library was seen to."""
+    calls = counted[case, LIBRARY]
+    polls = max(1, round((calls["sender"]["poll"] + calls["receiver"]["poll"]) / 2))
+    return Program(SAME_POLLS, "bare_transfer", ["--polls", str(polls)])
+
+
+def measure(runner, programs, rounds, counted):
     """Every program in every round, so that what disturbs the machine disturbs all of them."""
-    measured = {}
+    measured = collections.defaultdict(dict)  # (case, program): round: line
     for turn in range(rounds):
-        for transport in TRANSPORTS:
-            for mode in MODES:
-                progress(f"round {turn + 1} of {rounds}: {transport} {MODE_NAMES[mode]}")
-                for size in SIZES:
-                    for name, (program, options) in PROGRAMS.items():
-                        line = run(programs, [program, *options, "--transport", transport, "--mode", mode, "--size",
-                                              str(size), "--count", str(counts[mode]), "--cores", CORES])
-                        measured.setdefault((transport, mode, size, name), []).append(line)
+        for case in cases():
+            progress(f"round {turn + 1} of {rounds}: {report.describe(case._asdict())}")
+            own = list(programs)
+            if case.mode == "rtt" and case.peers > 1:
+                own.insert(1, same_polls(case, counted))
+            for program in own:
+                line = runner.transfer(program, case, part_of(program, case))
+                if line:
+                    measured[case, program.name][turn] = line
     return measured
 
 
-def summarize(measured):
+def is_joined(case, line):
+    return line["sender"]["segments"] < JOINED_BELOW if case.transport == "tcp" and case.mode in report.RATES else False
+
+
+def spread(values):
+    return {"median": statistics.median(values), "lowest": min(values), "highest": max(values)}
+
+
+def summarize(measured, counted):
     rows = []
-    for (transport, mode, size, name), lines in measured.items():
-        times = [line["nanosecondsPerMessage"] for line in lines]
-        bases = [line["nanosecondsPerMessage"] for line in measured[(transport, mode, size, BASE)]]
-        ratios = [time / base for time, base in zip(times, bases)]
-        last = lines[-1]
-        rows.append({
-            "transport": transport, "mode": mode, "size": size, "program": name, "rounds": len(lines),
-            "nanosecondsPerMessage": statistics.median(times),
-            "ratio": statistics.median(ratios), "ratioLowest": min(ratios), "ratioHighest": max(ratios),
-            "sender": last["sender"], "receiver": last["receiver"],
-        })
+    for (case, name), lines in measured.items():
+        base = measured[case, BASE]
+        pairs = [(line, base[turn]) for turn, line in lines.items() if turn in base]
+        alike = [pair for pair in pairs if is_joined(case, pair[0]) == is_joined(case, pair[1])]
+        row = {**case._asdict(), "program": name, "rounds": len(lines),
+               "nanoseconds": spread([line["nanoseconds"] for line in lines.values()]),
+               "isJoined": any(is_joined(case, line) for line in lines.values()), "comparedRounds": len(alike)}
+        for key in ("nanoseconds", "cpuNanoseconds"):
+            # Rounds in which TCP joined the messages of one and not of the other say nothing about either.
+            if alike:
+                row[f"{key}Ratio"] = spread([own[key] / other[key] for own, other in alike])
+        if case.transport == "tcp":
+            row["segments"] = statistics.median(line["sender"]["segments"] for line in lines.values())
+        if (case, name) in counted:
+            row["calls"] = counted[case, name]
+        rows.append(row)
     return rows
 
 
-def codec(programs, quick):
-    progress("encoding and decoding")
-    seconds = "0.05" if quick else "0.5"
-    result = run(programs, ["codec_bench", f"--benchmark_min_time={seconds}", "--benchmark_format=json",
-                            "--benchmark_repetitions=3"])
-    payloads = ("one number", "ten leaves", "hundred leaves")
+def measure_codecs(runner, rounds):
+    seconds = "0.02" if runner.is_quick else "0.2"
+    times = collections.defaultdict(list)
+    facts = {}
+    for turn in range(rounds):
+        progress(f"round {turn + 1} of {rounds}: encoding and decoding")
+        for name, executable in CODECS.items():
+            if not runner.has(executable):
+                continue
+            result, why = runner.json_of([executable, f"--benchmark_min_time={seconds}", "--benchmark_format=json"])
+            if result is None:
+                sys.exit(f"{executable} failed: {why}")
+            for entry in result["benchmarks"]:
+                if entry.get("error_occurred"):
+                    sys.exit(f"{executable}: {entry['error_message']}")
+                operation, payload = entry["name"].split("/")
+                key = operation, PAYLOADS[int(payload)], name
+                times[key].append(entry["cpu_time"])
+                facts[key] = {"bytes": entry["bytes"], "allocations": entry["allocations"]}
     rows = []
-    for entry in result["benchmarks"]:
-        if entry.get("aggregate_name") == "median":
-            operation, payload = entry["run_name"].split("/")[:2]
-            rows.append({"operation": operation, "payload": payloads[int(payload)], "bytes": entry["bytes"],
-                         "nanoseconds": entry["cpu_time"], "allocations": entry["allocations"]})
+    for (operation, payload, name), own in times.items():
+        library = times[operation, payload, LIBRARY]
+        rows.append({"operation": operation, "payload": payload, "codec": name, "nanoseconds": spread(own),
+                     "ratio": spread([one / other for one, other in zip(own, library)]),
+                     **facts[operation, payload, name]})
     return rows
 
 
-def calls(row):
-    counted = {key: row["sender"][key] + row["receiver"][key] for key in row["sender"]}
-    return " ".join(f"{counted[key]:.2f}" for key in ("send", "recv", "accept", "poll", "allocations"))
+def stripped_size(folder):
+    with tempfile.TemporaryDirectory() as temporary:
+        target = os.path.join(temporary, "stripped.so")
+        subprocess.run(["strip", "-o", target, os.path.join(folder, "src", "libvekmsg.so")], check=True, timeout=60)
+        return os.path.getsize(target)
 
 
-def report(results):
-    lines = ["# Benchmark report", "",
-             f"{results['machine']}, both processes on {CORES} core, medians of {results['rounds']} rounds. "
-             f"Ratios are to {BASE} in the same round: below 1 is faster.", "",
-             "## Transfers", "",
-             "Calls and allocations are per message, both processes together.", "",
-             "| transport | mode | bytes | program | us per message | ratio (lowest to highest) "
-             "| send recv accept poll allocations |",
-             "|---|---|---|---|---|---|---|"]
-    for row in results["transfers"]:
-        lines.append(f"| {row['transport']} | {MODE_NAMES[row['mode']]} | {row['size']} | {row['program']} "
-                     f"| {row['nanosecondsPerMessage'] / 1000:.2f} | {row['ratio']:.2f} "
-                     f"({row['ratioLowest']:.2f} to {row['ratioHighest']:.2f}) | {calls(row)} |")
-    lines += ["", "## Encoding and decoding", "",
-              "| operation | payload | bytes | ns | allocations |", "|---|---|---|---|---|"]
-    for row in results["codec"]:
-        lines.append(f"| {row['operation']} | {row['payload']} | {row['bytes']:.0f} | {row['nanoseconds']:.0f} "
-                     f"| {row['allocations']:.2f} |")
-    return "\n".join(lines) + "\n"
-
-
-def picture(results, transport, mode):
-    """Bars: microseconds per message for each size and program."""
-    rows = [row for row in results["transfers"] if row["transport"] == transport and row["mode"] == mode]
-    highest = max(row["nanosecondsPerMessage"] for row in rows)
-    colours = dict(zip(PROGRAMS, ("#9aa5b1", "#52606d", "#2680c2")))
-    left, top, width, height, bar = 70, 50, 560, 240, 44
-    out = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{left + width + 20}" height="{top + height + 90}" '
-           'font-family="sans-serif" font-size="12">',
-           f'<text x="{left}" y="24" font-size="16">{MODE_NAMES[mode]}, {transport}: time per message</text>',
-           f'<line x1="{left}" y1="{top + height}" x2="{left + width}" y2="{top + height}" stroke="#333"/>',
-           f'<line x1="{left}" y1="{top}" x2="{left}" y2="{top + height}" stroke="#333"/>',
-           f'<text transform="translate(18,{top + height / 2}) rotate(-90)" text-anchor="middle">microseconds</text>',
-           f'<text x="{left + width / 2}" y="{top + height + 44}" text-anchor="middle">payload in bytes</text>']
-    for step in range(5):
-        value = highest * step / 4
-        y = top + height - height * step / 4
-        out.append(f'<text x="{left - 8}" y="{y + 4:.1f}" text-anchor="end">{value / 1000:.1f}</text>')
-    for index, size in enumerate(SIZES):
-        group = left + 20 + index * width / len(SIZES)
-        out.append(f'<text x="{group + 1.5 * bar:.1f}" y="{top + height + 20}" text-anchor="middle">{size}</text>')
-        for place, name in enumerate(PROGRAMS):
-            row = next(row for row in rows if row["size"] == size and row["program"] == name)
-            tall = height * row["nanosecondsPerMessage"] / highest
-            out.append(f'<rect x="{group + place * bar:.1f}" y="{top + height - tall:.1f}" width="{bar - 6}" '
-                       f'height="{tall:.1f}" fill="{colours[name]}"/>')
-    for place, (name, colour) in enumerate(colours.items()):
-        x = left + place * 150
-        out.append(f'<rect x="{x}" y="{top + height + 58}" width="12" height="12" fill="{colour}"/>'
-                   f'<text x="{x + 18}" y="{top + height + 69}">{name}</text>')
-    return "\n".join(out + ["</svg>", ""])
+def cost_figures(folders, rounds, is_quick, counted):
+    """Once for each architecture. The calls of the other builds are counted here."""
+    rows = []
+    for folder in folders:
+        runner = Runner(folder, is_quick)
+        lines = []
+        for turn in range(rounds):
+            progress(f"round {turn + 1} of {rounds}: cost figures of {os.path.basename(folder)}")
+            line, why = runner.json_of(["cost_figures"])
+            if line is None:
+                sys.exit(f"cost_figures failed: {why}")
+            lines.append(line)
+        row = {key: spread([line[key] for line in lines]) for key in report.COSTS}
+        calls = counted if folder == folders[0] else count_calls(runner)
+        row |= {"bits": lines[0]["bits"], "pageBytes": lines[0]["pageBytes"], "strippedBytes": stripped_size(folder),
+                "calls": [{**case._asdict(), **sides} for (case, name), sides in calls.items() if name == LIBRARY]}
+        rows.append(row)
+    return rows
 
 
 def machine():
     with open("/proc/cpuinfo", encoding="utf-8") as info:
         model = next((line.split(":", 1)[1].strip() for line in info if line.startswith("model name")), "unknown")
-    return f"{model}, {os.cpu_count()} cores, {platform.system()} {platform.machine()}"
+    return f"{model}, {os.cpu_count()} cores, {platform.system()} {platform.release()} {platform.machine()}"
+
+
+def missing_peers(folder, runner):
+    path = os.path.join(folder, "bench", "missing_peers.txt")
+    if os.path.exists(path):
+        with open(path, encoding="utf-8") as file:
+            runner.notes += [line.strip() for line in file if line.strip()]
+
+
+def write(path, text):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def run(arguments):
+    is_quick = arguments.quick
+    rounds = arguments.rounds or (3 if is_quick else 5)
+    runner = Runner(arguments.programs, is_quick)
+    programs = list(OWN_PROGRAMS)
+    if arguments.peers:
+        missing_peers(arguments.programs, runner)
+        programs += [program for program in PEER_PROGRAMS if runner.has(program.executable)]
+    load = os.getloadavg()[0]
+    progress("counting calls")
+    counted = count_calls(runner)
+    transfers = summarize(measure(runner, programs, rounds, counted), counted)
+    codecs = measure_codecs(runner, rounds)
+    folders = [arguments.programs] + ([arguments.programs32] if arguments.programs32 else [])
+    costs = cost_figures(folders, rounds, is_quick, counted)
+    for note in runner.notes:
+        progress(note)
+    return {"machine": machine(), "load": max(load, os.getloadavg()[0]), "isQuick": is_quick, "rounds": rounds,
+            "transfers": transfers, "codecs": codecs, "costs": costs, "notes": runner.notes}
 
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--programs", required=True)
-    parser.add_argument("--results", required=True)
+    parser.add_argument("--programs")
+    parser.add_argument("--programs32")
     parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--peers", action="store_true")
     parser.add_argument("--rounds", type=int)
     parser.add_argument("--json")
+    parser.add_argument("--page")
     arguments = parser.parse_args()
-    rounds = arguments.rounds or (3 if arguments.quick else 5)
-    counts = {mode: count // 20 if arguments.quick else count for mode, count in COUNTS.items()}
-
-    results = {"machine": machine(), "rounds": rounds, "base": BASE,
-               "transfers": summarize(transfers(arguments.programs, rounds, counts)),
-               "codec": codec(arguments.programs, arguments.quick)}
-    os.makedirs(arguments.results, exist_ok=True)
-    files = {"results.json": json.dumps(results, indent=2) + "\n", "report.md": report(results)}
-    for transport in TRANSPORTS:
-        for mode in MODES:
-            files[f"{transport}-{mode}.svg"] = picture(results, transport, mode)
-    for name, content in files.items():
-        with open(os.path.join(arguments.results, name), "w", encoding="utf-8") as file:
-            file.write(content)
+    if arguments.page:
+        with open(arguments.page, encoding="utf-8") as file:
+            report.fill_page(json.load(file))
+        return
+    folder = os.path.join(arguments.programs, "results")
+    results = run(arguments)
+    shutil.rmtree(folder, ignore_errors=True)
+    os.makedirs(folder)
+    content = json.dumps(results, indent=1) + "\n"
+    write(os.path.join(folder, "results.json"), content)
     if arguments.json:
-        with open(arguments.json, "w", encoding="utf-8") as file:
-            file.write(files["results.json"])
-    print(files["report.md"])
-    progress(f"results are in {arguments.results}")
+        write(arguments.json, content)
+    text = report.whole(results)
+    write(os.path.join(folder, "report.md"), text)
+    for name, picture in report.pictures(results).items():
+        write(os.path.join(folder, name), picture)
+    print(text)
+    progress(f"results are in {folder}")
 
 
 if __name__ == "__main__":
