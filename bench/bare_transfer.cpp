@@ -7,13 +7,11 @@
 //     --polls N             for a comparison with a library that asks the kernel with N polls over all its
 //                           descriptors: these, and no call that would block
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,30 +28,6 @@ constexpr int kWaitTime = 1000;  // milliseconds
 /// What a message adds to its payload on the stream: block header, names, time-to-live, schema and element
 /// headers.
 constexpr std::size_t kFraming = kHeaderSize + 9 + 8 + 4 + 2 + 4 * 6 + 12;
-
-struct Address_ {
-    sockaddr_storage m_bytes = {};
-    socklen_t m_length = 0;
-    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&m_bytes); }
-};
-
-Address_ makeAddress(const Options_& options, const Meeting_& meeting, const std::string& name,
-                     const std::string& port) {
-    Address_ address;
-    if (options.m_isTcp) {
-        auto& inet = reinterpret_cast<sockaddr_in&>(address.m_bytes);
-        inet.sin_family = AF_INET;
-        inet.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        inet.sin_port = htons(static_cast<std::uint16_t>(std::stoul(port)));
-        address.m_length = sizeof(inet);
-    } else {
-        auto& local = reinterpret_cast<sockaddr_un&>(address.m_bytes);
-        local.sun_family = AF_UNIX;
-        std::strncpy(local.sun_path, (meeting.m_folder + "/" + name).c_str(), sizeof(local.sun_path) - 1);
-        address.m_length = sizeof(local);
-    }
-    return address;
-}
 
 void makeNonBlocking(int descriptor) {
     fcntl(descriptor, F_SETFL, fcntl(descriptor, F_GETFL) | O_NONBLOCK);

@@ -9,6 +9,9 @@ BATCHES = (1, 2, 10)
 PEERS = (10, 50, 90)
 RATES = ("stream", "fanin")  # more is better; the others are times
 COSTS = ("pagesPerTerminal", "pagesPerConnection", "pagesPerQueuedMessage", "microsecondsToFirstMessage")
+SEGMENTS = ("On TCP \"at\" says how many segments a message took: what is joined is compared with what is joined, and "
+            "\"no base\" means that no run of the bare program was joined alike.")
+CODEC_WORDS = "Processor time, ratio to the library: above 1 is slower than it."
 BASE = "bare protocol"
 LIBRARY = "libvekmsg"
 MODES = {"rtt": "round trip", "stream": "one way", "burst": "burst", "fanin": "fan-in"}
@@ -57,29 +60,36 @@ def inverse(spread):
     return {"median": 1 / spread["median"], "lowest": 1 / spread["highest"], "highest": 1 / spread["lowest"]}
 
 
-def ratio_cell(row, key="nanosecondsRatio"):
+def ratio_cell(row, key):
     if row is None:
         return ""
+    is_rate = row["mode"] in RATES
+    segments = f" at {row['segments']:.2f}" if is_rate and row["transport"] == "tcp" else ""
     if key not in row:
-        return "other TCP regime"
-    ratio = inverse(row[key]) if row["mode"] in RATES else row[key]
-    return spread_text(ratio) + (" joined" if row["isJoined"] else "")
+        return f"no base{segments}"
+    return spread_text(inverse(row[key]) if is_rate else row[key]) + segments
 
 
-def ratio_table(results, cases, names, key="nanosecondsRatio"):
+def ratio_table(results, cases, names):
+    """Once by the clock and once in processor time."""
+    by_clock, by_processor = (one_ratio_table(results, cases, names, key) for key in ("nanoseconds", "cpuNanoseconds"))
+    return f"{by_clock}\n\nIn processor time of all processes, which other programs disturb least:\n\n{by_processor}"
+
+
+def one_ratio_table(results, cases, names, key):
     rows = []
     for program in results.programs:
-        cells = [ratio_cell(results.row(case, program), key) for case in cases]
+        cells = [ratio_cell(results.row(case, program), f"{key}Ratio") for case in cases]
         if any(cells):
             rows.append([program, *cells])
     base = [results.row(case, BASE) for case in cases]
-    rows.append(["*bare protocol, us*", *(f"{row['nanoseconds']['median'] / 1000:.2f}" if row else "" for row in base)])
+    rows.append([f"*{BASE}, us*", *(f"{row[key]['median'] / 1000:.2f}" if row else "" for row in base)])
     return table(["program", *names], rows)
 
 
-def size_table(results, mode, key="nanosecondsRatio"):
+def size_table(results, mode):
     cases = [case_of(transport, mode, size) for transport in TRANSPORTS for size in SIZES]
-    return ratio_table(results, cases, [f"{LOCAL[case['transport']]} {case['size']}" for case in cases], key)
+    return ratio_table(results, cases, [f"{LOCAL[case['transport']]} {case['size']}" for case in cases])
 
 
 def place_table(results):
@@ -89,34 +99,36 @@ def place_table(results):
     return ratio_table(results, cases, names)
 
 
+def own_table(results, cases, names, quotient):
+    """Each program beside itself: `quotient` of the times of a case and of the first case of its transport."""
+    rows = []
+    for program in results.programs:
+        found = [(results.row(case, program), results.row(first_of(cases, case), program)) for case in cases]
+        cells = [f"{quotient(*(row['nanoseconds']['median'] for row in pair)):.2f}" if all(pair) else ""
+                 for pair in found]
+        if any(cells):
+            rows.append([program, *cells])
+    return table(["program", *names], rows)
+
+
+def first_of(cases, case):
+    return next(other for other in cases if other["transport"] == case["transport"])
+
+
 def burst_table(results):
     cases = [case_of(transport, "burst", batch=batch) for transport in TRANSPORTS for batch in BATCHES]
     names = [f"{LOCAL[case['transport']]} {case['batch']}" for case in cases]
-    rows = []
-    for program in results.programs:
-        cells = []
-        for case in cases:
-            row, trip = results.row(case, program), results.row(case | {"batch": 1}, program)
-            cells.append(f"{row['nanoseconds']['median'] / trip['nanoseconds']['median']:.2f}" if row and trip else "")
-        if any(cells):
-            rows.append([program, *cells])
-    return ratio_table(results, cases, names) + "\n\nThe same as multiples of the program's own round trip:\n\n" + \
-        table(["program", *names], rows)
+    return "\n\n".join([ratio_table(results, cases, names),
+                        "Time as a multiple of the program's own with one message and a reply:",
+                        own_table(results, cases, names, lambda time, one: time / one)])
 
 
 def fan_table(results):
     cases = [case_of(transport, "fanin", peers=peers) for transport in TRANSPORTS for peers in (1, *PEERS)]
     names = [f"{LOCAL[case['transport']]} {case['peers']}" for case in cases]
-    rows = []
-    for program in results.programs:
-        cells = []
-        for case in cases:
-            row, one = results.row(case, program), results.row(case | {"peers": 1}, program)
-            cells.append(f"{one['nanoseconds']['median'] / row['nanoseconds']['median']:.2f}" if row and one else "")
-        if any(cells):
-            rows.append([program, *cells])
-    return ratio_table(results, cases, names) + "\n\nThe same as multiples of the program's own rate with one sender:\n\n" + \
-        table(["program", *names], rows)
+    return "\n\n".join([ratio_table(results, cases, names),
+                        "Rate as a multiple of the program's own with one sender:",
+                        own_table(results, cases, names, lambda time, one: one / time)])
 
 
 def many_table(results):
@@ -132,8 +144,8 @@ def codec_table(results, operation):
         for payload in payloads:
             row = next(row for row in results["codecs"]
                        if (row["codec"], row["payload"], row["operation"]) == (codec, payload, operation))
-            cells.append(f"{row['nanoseconds']['median']:.0f} ns, {spread_text(row['ratio'])}, {row['bytes']:.0f} bytes, "
-                         f"{row['allocations']:.1f} allocations")
+            cells.append(f"{row['nanoseconds']['median']:.0f} ns, {spread_text(row['ratio'])}, "
+                         f"{row['bytes']:.0f} bytes, {row['allocations']:.1f} allocations")
         rows.append(cells)
     return table(["codec", *payloads], rows)
 
@@ -166,22 +178,18 @@ def sections(results):
     found = Results(results)
     return {
         "round-trip": ("Round trip", "Time as a ratio: below 1 is faster.", size_table(found, "rtt")),
-        "round-trip-cpu": ("Round trip, processor time", "Of all processes together: what other programs on the machine "
-                           "disturb least.", size_table(found, "rtt", "cpuNanosecondsRatio")),
-        "one-way": ("One way", "Rate as a ratio: above 1 is faster. \"joined\": TCP put several messages into one segment.",
-                    size_table(found, "stream")),
-        "one-way-cpu": ("One way, processor time", "Messages per second of processor time as a ratio: above 1 is better.",
-                        size_table(found, "stream", "cpuNanosecondsRatio")),
+        "one-way": ("One way", f"Rate as a ratio: above 1 is faster. {SEGMENTS}", size_table(found, "stream")),
         "places": ("Other placements", "64 bytes. Round trip: below 1 is faster. One way: above 1 is faster.",
                    place_table(found)),
         "burst": ("Burst", "So many messages of 64 bytes, then one reply. Time as a ratio: below 1 is faster.",
                   burst_table(found)),
-        "fan-in": ("Fan-in", "So many senders of 64 bytes. Rate as a ratio: above 1 is faster.", fan_table(found)),
+        "fan-in": ("Fan-in", f"So many senders of 64 bytes. Rate as a ratio: above 1 is faster. {SEGMENTS}",
+                   fan_table(found)),
         "many": ("Many connections, one busy", "Round trip of 64 bytes. Time as a ratio: below 1 is faster.",
                  many_table(found)),
-        "encode": ("Encoding", "Processor time, ratio to the library: above 1 is slower than it.",
+        "encode": ("Encoding", CODEC_WORDS,
                    codec_table(results, "encode")),
-        "decode": ("Decoding, every value read once", "Processor time, ratio to the library: above 1 is slower than it.",
+        "decode": ("Decoding, every value read once", CODEC_WORDS,
                    codec_table(results, "decode")),
         "costs": ("Costs besides time", "Pages are those that become resident and private.", cost_table(results)),
         "calls": ("Calls and allocations of the library", "Counted, per round trip, message or burst of 64 bytes.",
@@ -191,8 +199,9 @@ def sections(results):
 
 def conditions(results):
     kind = "a quick run, which only shows that everything works" if results["isQuick"] else "a full run"
-    return (f"{results['machine']}; {kind}; medians of {results['rounds']} rounds with the lowest and the highest; load "
-            f"{results['load']:.1f} (an idle machine shows about 1 during a run). Ratios are to {BASE} in the same round.")
+    return (f"{results['machine']}; {kind}; medians of {results['rounds']} rounds with the lowest and the highest; "
+            f"load {results['load']:.1f} (an idle machine shows about 1 during a run). Ratios are to {BASE} in the same "
+            "round.")
 
 
 def whole(results):
@@ -219,7 +228,7 @@ def fill_page(results):
 
 
 COLOURS = ("#9aa5b1", "#52606d", "#2680c2", "#62b0e8", "#c65d21", "#e0a458", "#7b5ea7", "#3f9142", "#8db580", "#b33951",
-           "#c9ada7", "#1f7a8c")
+           "#c9ada7", "#1f7a8c", "#d4c400")
 
 
 def picture(results, title, unit, groups):
@@ -231,7 +240,8 @@ def picture(results, title, unit, groups):
     bar, gap, left, top, height = 14, 40, 70, 50, 280
     width = sum(len(rows) * bar + gap for _, rows in shown)
     bottom = top + height
-    legend_lines = (len(found.programs) + 3) // 4
+    legend = [program for program in found.programs if any(program == own for _, rows in shown for own, _ in rows)]
+    legend_lines = (len(legend) + 3) // 4
     total = max(left + width + 20, 700), bottom + 60 + 20 * legend_lines + 10
 
     def y_of(value):
@@ -262,9 +272,10 @@ def picture(results, title, unit, groups):
                     'stroke="#000" stroke-width="1"/>']
             x += bar
         x += gap
-    for place, program in enumerate(found.programs):
+    for place, program in enumerate(legend):
+        colour = COLOURS[found.programs.index(program) % len(COLOURS)]
         left_of, top_of = left + place % 4 * 150, bottom + 60 + place // 4 * 20
-        out.append(f'<rect x="{left_of}" y="{top_of}" width="12" height="12" fill="{COLOURS[place % len(COLOURS)]}"/>'
+        out.append(f'<rect x="{left_of}" y="{top_of}" width="12" height="12" fill="{colour}"/>'
                    f'<text x="{left_of + 18}" y="{top_of + 11}">{program}</text>')
     return "\n".join(out + ["</svg>", ""])
 
@@ -274,8 +285,9 @@ def pictures(results):
     for transport in TRANSPORTS:
         place = f"{LOCAL[transport]} sockets, one core, medians with lowest and highest"
         for mode in ("rtt", "stream"):
+            unit = "round trip" if mode == "rtt" else "message, one way"
             files[f"{transport}-{mode}.svg"] = picture(
-                results, f"Time per {'round trip' if mode == 'rtt' else 'message, one way'}: {place}", "payload in bytes",
+                results, f"Time per {unit}: {place}", "payload in bytes",
                 [(str(size), case_of(transport, mode, size)) for size in SIZES])
         files[f"{transport}-burst.svg"] = picture(
             results, f"Time per burst: {place}", "messages of 64 bytes before the reply",

@@ -18,7 +18,8 @@ BASE = "bare protocol"
 LIBRARY = "libvekmsg"
 SAME_POLLS = "bare, same polls"
 TIME_LIMIT = 150  # seconds, beyond the programs' own
-JOINED_BELOW = 0.5  # segments per message: fewer mean that TCP joined messages
+AGAIN = "bare protocol again"  # a second run, so that more TCP regimes find a base to compare with
+ALIKE = 0.25  # largest difference in segments per message between what is compared
 
 Program = collections.namedtuple("Program", "name executable options")
 OWN_PROGRAMS = [
@@ -72,7 +73,12 @@ class Runner:
     def __init__(self, folder, is_quick):
         self.folder = os.path.join(folder, "bench")
         self.is_quick = is_quick
-        self.notes = []
+        self.left_out = collections.defaultdict(set)  # (program, why): cases
+        self.missing = []
+
+    def notes(self):
+        return self.missing + [f"{name} in {len(left_out)} cases ({why}): {'; '.join(sorted(left_out))}"
+                               for (name, why), left_out in self.left_out.items()]
 
     def has(self, executable):
         return os.path.exists(os.path.join(self.folder, executable))
@@ -85,11 +91,11 @@ class Runner:
         except subprocess.TimeoutExpired:
             return None, "over time"
         if result.returncode != 0:
-            return None, result.stderr.strip().splitlines()[-1] if result.stderr.strip() else f"exit {result.returncode}"
+            return None, (result.stderr.strip().splitlines() or [f"exit code {result.returncode}"])[-1]
         return json.loads(result.stdout), ""
 
     def transfer(self, program, case, part=1, more=()):
-        count = COUNTS[case.mode] // part // (QUICK_PART if self.is_quick else 1)
+        count = COUNTS[case.mode] // part // (QUICK_PART if self.is_quick and "--counted" not in more else 1)
         arguments = [program.executable, *program.options, *more, "--transport", case.transport, "--mode", case.mode,
                      "--size", str(case.size), "--count", str(max(count, 64)), "--peers", str(case.peers),
                      "--cores", case.cores]
@@ -97,11 +103,9 @@ class Runner:
             arguments += ["--batch", str(case.batch)]
         line, why = self.json_of(arguments)
         if line is None:
-            note = f"{program.name}, {report.describe(case._asdict())}: {why}"
             if program in OWN_PROGRAMS and "not available" not in why:
-                sys.exit(f"{note}\n{' '.join(arguments)} failed")
-            if note not in self.notes:
-                self.notes.append(note)
+                sys.exit(f"{program.name}: {why}\n{' '.join(arguments)} failed")
+            self.left_out[program.name, why].add(report.describe(case._asdict()))
         return line
 
 
@@ -139,6 +143,8 @@ def measure(runner, programs, rounds, counted):
             own = list(programs)
             if case.mode == "rtt" and case.peers > 1:
                 own.insert(1, same_polls(case, counted))
+            if has_regimes(case):
+                own.append(Program(AGAIN, "bare_transfer", []))
             for program in own:
                 line = runner.transfer(program, case, part_of(program, case))
                 if line:
@@ -146,8 +152,24 @@ def measure(runner, programs, rounds, counted):
     return measured
 
 
-def is_joined(case, line):
-    return line["sender"]["segments"] < JOINED_BELOW if case.transport == "tcp" and case.mode in report.RATES else False
+def has_regimes(case):
+    """Small TCP messages on a stream travel joined or one to a segment, as it happens."""
+    return case.transport == "tcp" and case.mode in report.RATES
+
+
+def base_of(case, line, turn, measured):
+    """The base of the same round, or where TCP joined the messages of one only, the most alike; None without one."""
+    base = measured[case, BASE]
+    if not has_regimes(case):
+        return base.get(turn)
+
+    def difference(other):
+        return abs(other["sender"]["segments"] - line["sender"]["segments"])
+
+    if turn in base and difference(base[turn]) <= ALIKE:
+        return base[turn]
+    nearest = min([*base.values(), *measured[case, AGAIN].values()], key=difference)
+    return nearest if difference(nearest) <= ALIKE else None
 
 
 def spread(values):
@@ -157,14 +179,14 @@ def spread(values):
 def summarize(measured, counted):
     rows = []
     for (case, name), lines in measured.items():
-        base = measured[case, BASE]
-        pairs = [(line, base[turn]) for turn, line in lines.items() if turn in base]
-        alike = [pair for pair in pairs if is_joined(case, pair[0]) == is_joined(case, pair[1])]
+        if name == AGAIN:
+            continue
+        pairs = [(line, base_of(case, line, turn, measured)) for turn, line in lines.items()]
+        alike = [(line, base) for line, base in pairs if base]
         row = {**case._asdict(), "program": name, "rounds": len(lines),
-               "nanoseconds": spread([line["nanoseconds"] for line in lines.values()]),
-               "isJoined": any(is_joined(case, line) for line in lines.values()), "comparedRounds": len(alike)}
+               **{key: spread([line[key] for line in lines.values()]) for key in ("nanoseconds", "cpuNanoseconds")},
+               "comparedRounds": len(alike)}
         for key in ("nanoseconds", "cpuNanoseconds"):
-            # Rounds in which TCP joined the messages of one and not of the other say nothing about either.
             if alike:
                 row[f"{key}Ratio"] = spread([own[key] / other[key] for own, other in alike])
         if case.transport == "tcp":
@@ -240,7 +262,7 @@ def missing_peers(folder, runner):
     path = os.path.join(folder, "bench", "missing_peers.txt")
     if os.path.exists(path):
         with open(path, encoding="utf-8") as file:
-            runner.notes += [line.strip() for line in file if line.strip()]
+            runner.missing += [line.strip() for line in file if line.strip()]
 
 
 def write(path, text):
@@ -263,10 +285,11 @@ def run(arguments):
     codecs = measure_codecs(runner, rounds)
     folders = [arguments.programs] + ([arguments.programs32] if arguments.programs32 else [])
     costs = cost_figures(folders, rounds, is_quick, counted)
-    for note in runner.notes:
+    notes = runner.notes()
+    for note in notes:
         progress(note)
     return {"machine": machine(), "load": max(load, os.getloadavg()[0]), "isQuick": is_quick, "rounds": rounds,
-            "transfers": transfers, "codecs": codecs, "costs": costs, "notes": runner.notes}
+            "transfers": transfers, "codecs": codecs, "costs": costs, "notes": notes}
 
 
 def main():

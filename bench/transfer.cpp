@@ -378,16 +378,25 @@ void refuse(const char* p_what) {
     std::exit(4);
 }
 
+Address_ makeAddress(const Options_& options, const Meeting_& meeting, const std::string& name,
+                     const std::string& port) {
+    Address_ address;
+    if (options.m_isTcp) {
+        reinterpret_cast<sockaddr_in&>(address.m_bytes) = loopback(port);
+        address.m_length = sizeof(sockaddr_in);
+    } else {
+        auto& local = reinterpret_cast<sockaddr_un&>(address.m_bytes);
+        local.sun_family = AF_UNIX;
+        std::strncpy(local.sun_path, (meeting.m_folder + "/" + name).c_str(), sizeof(local.sun_path) - 1);
+        address.m_length = sizeof(local);
+    }
+    return address;
+}
+
 bool isBrokerListening(const Options_& options, const Meeting_& meeting) {
-    sockaddr_un local = {};
-    local.sun_family = AF_UNIX;
-    std::strncpy(local.sun_path, (meeting.m_folder + "/broker").c_str(), sizeof(local.sun_path) - 1);
-    const sockaddr_in inet = loopback(meeting.m_brokerPort);
-    const int descriptor = socket(options.m_isTcp ? AF_INET : AF_UNIX, SOCK_STREAM, 0);
-    const bool isListening =
-        (options.m_isTcp
-             ? connect(descriptor, reinterpret_cast<const sockaddr*>(&inet), sizeof(inet))
-             : connect(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof(local))) == 0;
+    const Address_ address = makeAddress(options, meeting, "broker", meeting.m_brokerPort);
+    const int descriptor = socket(address.m_bytes.ss_family, SOCK_STREAM, 0);
+    const bool isListening = connect(descriptor, address.get(), address.m_length) == 0;
     close(descriptor);
     return isListening;
 }

@@ -1,6 +1,7 @@
 #ifndef VEKMSG_BENCH_TRANSFER_H
 #define VEKMSG_BENCH_TRANSFER_H
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -46,6 +47,15 @@ struct Meeting_ {
     std::string m_receiverPort;
     std::vector<std::string> m_senderPorts;
 };
+
+/// A socket address: a file in the meeting's folder, or a TCP port of the loopback.
+struct Address_ {
+    sockaddr_storage m_bytes = {};
+    socklen_t m_length = 0;
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&m_bytes); }
+};
+Address_ makeAddress(const Options_& options, const Meeting_& meeting, const std::string& name,
+                     const std::string& port);
 
 /// One end of the exchange. Faults end the process with a message.
 class Side_ {

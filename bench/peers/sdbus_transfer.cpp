@@ -3,12 +3,10 @@
 //     (no variant)      peer to peer, each connection a bus of its own
 //     --variant daemon  through a private dbus-daemon
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -36,25 +34,12 @@ std::string senderName(unsigned int number) {
 
 /// A listening or connected socket at the receiver's address.
 int makeSocket(const Options_& options, const Meeting_& meeting, bool isListening) {
-    sockaddr_storage address = {};
-    socklen_t length = 0;
-    if (options.m_isTcp) {
-        auto& inet = reinterpret_cast<sockaddr_in&>(address);
-        inet.sin_family = AF_INET;
-        inet.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        inet.sin_port = htons(static_cast<std::uint16_t>(std::stoul(meeting.m_receiverPort)));
-        length = sizeof(inet);
-    } else {
-        auto& local = reinterpret_cast<sockaddr_un&>(address);
-        local.sun_family = AF_UNIX;
-        std::strncpy(local.sun_path, (meeting.m_folder + "/receiver").c_str(), sizeof(local.sun_path) - 1);
-        length = sizeof(local);
-    }
-    const int descriptor = socket(address.ss_family, SOCK_STREAM, 0);
-    const auto* p_address = reinterpret_cast<const sockaddr*>(&address);
+    const Address_ address = makeAddress(options, meeting, "receiver", meeting.m_receiverPort);
+    const int descriptor = socket(address.m_bytes.ss_family, SOCK_STREAM, 0);
     if (isListening) {
-        if (bind(descriptor, p_address, length) != 0 || listen(descriptor, 100) != 0) fail("listening");
-    } else if (connect(descriptor, p_address, length) != 0) {
+        if (bind(descriptor, address.get(), address.m_length) != 0 || listen(descriptor, 100) != 0)
+            fail("listening");
+    } else if (connect(descriptor, address.get(), address.m_length) != 0) {
         fail("connecting");
     }
     return descriptor;
