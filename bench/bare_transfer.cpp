@@ -4,8 +4,9 @@
 //
 //     (no variant)          those calls; with several peers it asks each socket that is quiet as well
 //     --variant blocking    the floor: blocking sockets, one send and two receives
-//     --polls N             for a comparison with a library that asks the kernel with N polls over all its
-//                           descriptors: these, and no call that would block
+//     --polls S,R           for a comparison with a library that asks the kernel with so many polls over all
+//                           its descriptors, in the sender and in the receiver: these, and no call that would
+//                           block
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -59,9 +60,9 @@ int quietStream(const Address_& listeningAt, int listener) {
 class BareSide_ : public Side_ {
 public:
     /// A side that listens, as every component does. Its pass asks that socket as well.
-    BareSide_(const Options_& options, const Address_& own)
+    BareSide_(const Options_& options, const Address_& own, unsigned int polls)
         : m_isBlocking(options.m_variant == "blocking"),
-          m_polls(options.m_polls),
+          m_polls(polls),
           m_isAskingAll(options.m_mode == Mode_::RoundTrip),
           m_entries{{listenAt(own), POLLIN, 0}},
           m_quiet(quietStream(own, m_entries[0].fd)) {
@@ -197,13 +198,13 @@ Address_ receiverAddress(const Options_& options, const Meeting_& meeting) {
 
 std::unique_ptr<Side_> makeReceiver(const Options_& options, const Meeting_& meeting) {
     if (options.m_variant == "blocking" && options.m_peers > 1) refuse("several peers with blocking sockets");
-    return std::make_unique<BareSide_>(options, receiverAddress(options, meeting));
+    return std::make_unique<BareSide_>(options, receiverAddress(options, meeting), options.m_receiverPolls);
 }
 
 std::unique_ptr<Side_> makeSender(const Options_& options, const Meeting_& meeting, unsigned int number) {
     const Address_ own =
         makeAddress(options, meeting, "sender" + std::to_string(number), meeting.m_senderPorts[number]);
-    auto sp_side = std::make_unique<BareSide_>(options, own);
+    auto sp_side = std::make_unique<BareSide_>(options, own, options.m_senderPolls);
     sp_side->add(connectTo(receiverAddress(options, meeting)));
     return sp_side;
 }

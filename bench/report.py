@@ -200,8 +200,8 @@ def sections(results):
 def conditions(results):
     kind = "a quick run, which only shows that everything works" if results["isQuick"] else "a full run"
     return (f"{results['machine']}; {kind}; medians of {results['rounds']} rounds with the lowest and the highest; "
-            f"load {results['load']:.1f} (an idle machine shows about 1 during a run). Ratios are to {BASE} in the same "
-            "round.")
+            f"load {results['load']:.1f} (an idle machine shows about 1 during a run). Ratios are to {BASE} in the "
+            "same round.")
 
 
 def whole(results):

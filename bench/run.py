@@ -129,9 +129,8 @@ def count_calls(runner):
 
 def same_polls(case, counted):
     """A bare program that polls as often as the library was seen to."""
-    calls = counted[case, LIBRARY]
-    polls = max(1, round((calls["sender"]["poll"] + calls["receiver"]["poll"]) / 2))
-    return Program(SAME_POLLS, "bare_transfer", ["--polls", str(polls)])
+    polls = [str(max(1, round(counted[case, LIBRARY][side]["poll"]))) for side in ("sender", "receiver")]
+    return Program(SAME_POLLS, "bare_transfer", ["--polls", ",".join(polls)])
 
 
 def measure(runner, programs, rounds, counted):

@@ -70,7 +70,10 @@ Options_ parse(int argc, char** argv) {
         } else if (name == "--batch") {
             options.m_batch = static_cast<unsigned int>(std::stoul(value));
         } else if (name == "--polls") {
-            options.m_polls = static_cast<unsigned int>(std::stoul(value));
+            std::size_t comma = 0;
+            options.m_senderPolls = static_cast<unsigned int>(std::stoul(value, &comma));
+            if (comma + 1 >= value.size()) fail("--polls with two numbers");
+            options.m_receiverPolls = static_cast<unsigned int>(std::stoul(value.substr(comma + 1)));
         } else if (name == "--cores") {
             options.m_cores = value;
         } else if (name == "--variant") {

@@ -12,7 +12,7 @@
 // The frame of every transfer benchmark: two real processes, one of which measures.
 //
 //     PROGRAM --transport unix|tcp --mode rtt|stream|burst|fanin --size N --count N
-//             [--peers N] [--batch N] [--cores one|two|free] [--counted] [--variant NAME] [--polls N]
+//             [--peers N] [--batch N] [--cores one|two|free] [--counted] [--variant NAME] [--polls N,N]
 //
 // rtt     a message there and the same back, `count` times. With --peers N the receiver holds N open
 //         connections, of which one is busy.
@@ -34,7 +34,8 @@ struct Options_ {
     unsigned long m_count = 10000;
     unsigned int m_peers = 1;
     unsigned int m_batch = 2;
-    unsigned int m_polls = 0;
+    unsigned int m_senderPolls = 0;
+    unsigned int m_receiverPolls = 0;
     bool m_isCounted = false;
     std::string m_cores = "free";
     std::string m_variant;
