@@ -57,7 +57,7 @@ Options_ parse(int argc, char** argv) {
         }
         if (i + 1 == argc) fail("an option without its value");
         const std::string value = argv[++i];
-        if (name == "--transport") {
+        if (name == "--transport" && (value == "unix" || value == "tcp")) {
             options.m_isTcp = value == "tcp";
         } else if (name == "--mode" && kModes.count(value) == 1) {
             options.m_mode = kModes.at(value);
@@ -74,7 +74,7 @@ Options_ parse(int argc, char** argv) {
             options.m_senderPolls = static_cast<unsigned int>(std::stoul(value, &comma));
             if (comma + 1 >= value.size()) fail("--polls with two numbers");
             options.m_receiverPolls = static_cast<unsigned int>(std::stoul(value.substr(comma + 1)));
-        } else if (name == "--cores") {
+        } else if (name == "--cores" && (value == "one" || value == "two" || value == "free")) {
             options.m_cores = value;
         } else if (name == "--variant") {
             options.m_variant = value;
