@@ -13,7 +13,7 @@ SEGMENTS = ("On TCP \"at\" says how many segments a message took: what is joined
             "\"no base\" means that no run of the bare program was joined alike.")
 CODEC_WORDS = "Processor time, ratio to the library: above 1 is slower than it."
 BASE = "bare protocol"
-LIBRARY = "libvekmsg"
+SAME_POLLS = "bare, same polls"
 MODES = {"rtt": "round trip", "stream": "one way", "burst": "burst", "fanin": "fan-in"}
 LOCAL = {"unix": "local", "tcp": "TCP"}
 PLACES = {"one": "one core", "two": "one core each", "free": "free"}
@@ -99,41 +99,43 @@ def place_table(results):
     return ratio_table(results, cases, names)
 
 
-def own_table(results, cases, names, quotient):
-    """Each program beside itself: `quotient` of the times of a case and of the first case of its transport."""
-    rows = []
-    for program in results.programs:
-        found = [(results.row(case, program), results.row(first_of(cases, case), program)) for case in cases]
-        cells = [f"{quotient(*(row['nanoseconds']['median'] for row in pair)):.2f}" if all(pair) else ""
-                 for pair in found]
-        if any(cells):
-            rows.append([program, *cells])
-    return table(["program", *names], rows)
-
-
-def first_of(cases, case):
-    return next(other for other in cases if other["transport"] == case["transport"])
+def quotient_tables(results, cases, names, words, other_of, is_rate=False):
+    """Medians divided by those of another row, `other_of(case, program)`: by the clock and in processor time."""
+    parts = []
+    for key, unit in (("nanoseconds", "by the clock"), ("cpuNanoseconds", "in processor time")):
+        rows = []
+        for program in results.programs:
+            pairs = [(results.row(case, program), other_of(case, program)) for case in cases]
+            times = [[row[key]["median"] for row in pair] if all(pair) else None for pair in pairs]
+            cells = [f"{pair[is_rate] / pair[not is_rate]:.2f}" if pair else "" for pair in times]
+            if any(cells):
+                rows.append([program, *cells])
+        parts += [f"{words}, {unit}:", table(["program", *names], rows)]
+    return "\n\n".join(parts)
 
 
 def burst_table(results):
     cases = [case_of(transport, "burst", batch=batch) for transport in TRANSPORTS for batch in BATCHES]
     names = [f"{LOCAL[case['transport']]} {case['batch']}" for case in cases]
-    return "\n\n".join([ratio_table(results, cases, names),
-                        "Time as a multiple of the program's own with one message and a reply:",
-                        own_table(results, cases, names, lambda time, one: time / one)])
+    own = quotient_tables(results, cases, names, "Time as a multiple of the program's own with one message and a reply",
+                          lambda case, program: results.row(case | {"batch": 1}, program))
+    return f"{ratio_table(results, cases, names)}\n\n{own}"
 
 
 def fan_table(results):
     cases = [case_of(transport, "fanin", peers=peers) for transport in TRANSPORTS for peers in (1, *PEERS)]
     names = [f"{LOCAL[case['transport']]} {case['peers']}" for case in cases]
-    return "\n\n".join([ratio_table(results, cases, names),
-                        "Rate as a multiple of the program's own with one sender:",
-                        own_table(results, cases, names, lambda time, one: one / time)])
+    own = quotient_tables(results, cases, names, "Rate as a multiple of the program's own with one sender",
+                          lambda case, program: results.row(case | {"peers": 1}, program), is_rate=True)
+    return f"{ratio_table(results, cases, names)}\n\n{own}"
 
 
 def many_table(results):
     cases = [case_of(transport, "rtt", peers=peers) for transport in TRANSPORTS for peers in PEERS]
-    return ratio_table(results, cases, [f"{LOCAL[case['transport']]} {case['peers']}" for case in cases])
+    names = [f"{LOCAL[case['transport']]} {case['peers']}" for case in cases]
+    own = quotient_tables(results, cases, names, f"Time as a multiple of *{SAME_POLLS}*",
+                          lambda case, _: results.row(case, SAME_POLLS))
+    return f"{ratio_table(results, cases, names)}\n\n{own}"
 
 
 def codec_table(results, operation):
@@ -242,7 +244,7 @@ def picture(results, title, unit, groups):
     bottom = top + height
     legend = [program for program in found.programs if any(program == own for _, rows in shown for own, _ in rows)]
     legend_lines = (len(legend) + 3) // 4
-    total = max(left + width + 20, 700), bottom + 60 + 20 * legend_lines + 10
+    total = max(left + width + 20, 860), bottom + 60 + 20 * legend_lines + 10
 
     def y_of(value):
         return bottom - height * value / highest

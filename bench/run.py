@@ -14,9 +14,9 @@ import tempfile
 
 import report
 
-BASE = "bare protocol"
+BASE = report.BASE
 LIBRARY = "libvekmsg"
-SAME_POLLS = "bare, same polls"
+SAME_POLLS = report.SAME_POLLS
 TIME_LIMIT = 150  # seconds, beyond the programs' own
 AGAIN = "bare protocol again"  # a second run, so that more TCP regimes find a base to compare with
 ALIKE = 0.25  # largest difference in segments per message between what is compared
