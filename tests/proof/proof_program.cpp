@@ -64,6 +64,7 @@ int ProofReport_::write(const std::string& path) const {
     }
     file << "],\n\"findings\": " << list(m_findings) << ",\n\"remarks\": " << list(m_remarks) << "}\n";
     file.close();
+    for (const std::string& finding : m_findings) std::cerr << "finding: " << finding << '\n';
     if (!file) {
         std::cerr << path << " cannot be written\n";
         return 2;
