@@ -6,6 +6,7 @@
 
 #include "tools/command.h"
 #include "tools/component.h"
+#include "tools/directory_test.h"
 
 namespace {
 
@@ -59,15 +60,7 @@ std::set<std::string> ignoredLines(const std::string& file) {
     return lines;
 }
 
-class CheckVerb : public testing::Test {
-protected:
-    std::string directory(const std::vector<std::string>& lines) {
-        return m_folder.writeFile("shop.directory", lines);
-    }
-    std::string address(const std::string& name) const { return m_folder.localAddress(name); }
-
-    TemporaryFolder_ m_folder;
-};
+class CheckVerb : public DirectoryTest_ {};
 
 }  // namespace
 

@@ -2,18 +2,11 @@
 
 #include "tools/command.h"
 #include "tools/component.h"
+#include "tools/directory_test.h"
 
 namespace {
 
-class ListVerb : public testing::Test {
-protected:
-    std::string directory(const std::vector<std::string>& lines) {
-        return m_folder.writeFile("shop.directory", lines);
-    }
-    std::string address(const std::string& name) const { return m_folder.localAddress(name); }
-
-    TemporaryFolder_ m_folder;
-};
+class ListVerb : public DirectoryTest_ {};
 
 }  // namespace
 
