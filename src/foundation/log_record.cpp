@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "foundation/quiet_spell.h"
+
 int g_logThreshold = kLogWarning;
 
 namespace {
@@ -107,5 +109,6 @@ void log_dispatch(int severity, const LogSite* p_site, int, const char*, const c
                   const char*) {
     const int savedErrno = errno;
     g_p_sink(g_p_sinkContext, severity, p_site, p_text);
+    endQuietSpell();
     errno = savedErrno;
 }

@@ -26,6 +26,7 @@ bool VekmsgConnection_::setPeerName(SP_Utf8String_ sp_peerName) {
 
 bool VekmsgConnection_::setSocket(SP_VekSocket_ sp_socket) {
     m_sp_socket = std::move(sp_socket);
+    if (m_sp_socket) m_sp_socket->forgetQuiet();
     m_connectionState = STATE_IDLE;
     m_blockType = NO_ENCODING_BLOCK;
     m_blockLength = 0;
@@ -115,7 +116,7 @@ bool VekmsgConnection_::startReceiving(SP_BasicBuffer_ sp_buffer, unsigned int s
     }
     const unsigned int unread = sp_buffer->dataLength() - m_decodeOffset;
     const unsigned int request = size > unread ? size - unread : 0;
-    m_sp_socket->receive(request, sp_buffer);
+    m_sp_socket->receive(request, std::move(sp_buffer));
     m_connectionState = nextState;
     return true;
 }

@@ -66,6 +66,8 @@ public:
     bool setSocket(SP_VekSocket_ sp_socket);
     /// False, with the argument untouched, when there is none.
     bool getSocket(SP_VekSocket_& sp_socket) const;
+    /// Null when there is none.
+    VekSocket_* socket() const { return m_sp_socket.get(); }
 
     /// Begins the name handshake on the socket: sends the own name when the peer's is known, else waits for
     /// it.
@@ -84,6 +86,16 @@ public:
     /// Does all that the socket is ready for: connecting, receiving, sending, reconnecting. `hasMessages`
     /// tells whether blocks wait to be taken. False when the connection is of no further use.
     bool processPollEvents(bool& hasMessages);
+
+    /// Whether nothing but data from the peer makes processPollEvents do anything. Blocks may wait to be
+    /// taken.
+    bool awaitsOnlyData() const {
+        return m_sp_socket && m_sp_socket->awaitsOnlyData() && m_sendQueue.empty() && !m_sp_wholeUnit &&
+               (m_connectionState == STATE_RECEIVING_HEADER || m_connectionState == STATE_RECEIVING_PAYLOAD);
+    }
+
+    /// Whether processPollEvents, called in this spell, would find nothing and do nothing.
+    bool isAtRest(std::uint64_t spell) const { return awaitsOnlyData() && m_sp_socket->isAtRest(spell); }
 
     /// The oldest received block, header in front, or null when there is none even after looking at the
     /// socket.

@@ -75,6 +75,8 @@ bool VekmsgConnection_::swapSockets(VekmsgConnection_* p_connection) {
         return false;
     }
     m_sp_socket.swap(p_connection->m_sp_socket);
+    if (m_sp_socket) m_sp_socket->forgetQuiet();
+    if (p_connection->m_sp_socket) p_connection->m_sp_socket->forgetQuiet();
     std::swap(m_connectionState, p_connection->m_connectionState);
     std::swap(m_blockType, p_connection->m_blockType);
     std::swap(m_blockLength, p_connection->m_blockLength);

@@ -4,6 +4,7 @@
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
+#include "foundation/quiet_spell.h"
 #include "foundation/utf8_name.h"
 #include "terminal/message_printer.h"
 #include "terminal/terminal_impl.h"
@@ -139,7 +140,9 @@ bool VekmsgTerminalImpl_::setReceiveFilter(SP_VekmsgFilter_ sp_filter) {
 }
 
 bool VekmsgTerminalImpl_::passesFilter(SP_VekmsgFilter_ sp_filter, SP_VekMessage_& sp_message) try {
-    return !sp_filter || sp_filter->process(sp_message);
+    if (!sp_filter) return true;
+    const QuietSpellEnd_ end;
+    return sp_filter->process(sp_message);
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
 

@@ -59,6 +59,18 @@ public:
 
     bool fillPollFdArray(pollfd* p_pollFdBuf, unsigned int& count);
 
+    // What processPollEvents is made of, for operations that poll themselves: see quiet_spell.h.
+
+    /// Begins a spell with a poll of its own that does not wait, where this saves more calls than it makes.
+    void lookForQuietSockets() const;
+
+    /// Tells the sockets what a poll has returned for the entries that fillPollFdArray made, in the spell
+    /// that has begun. The result is behind the last entry that was one of theirs.
+    const pollfd* noteQuietSockets(const pollfd* p_entries, unsigned int count) const;
+
+    /// The pass itself. May throw for want of memory.
+    bool makePass(bool& gotData);
+
     /// Works on a closed terminal too.
     bool createMessage(SP_VekMessage_& sp_message);
 
@@ -92,6 +104,12 @@ protected:
         SP_Utf8String_ m_sp_peerName;
         BufferQueue_ m_blocks;
     };
+
+    template <class Action>
+    void forEachSocket(Action action) const;
+
+    /// Whether a pass would do nothing unless a poll over all sockets, in one array of a wait, reported any.
+    bool awaitsOnlyEvents() const;
 
     bool isOpen() const { return !m_sp_componentName.isNull(); }
 

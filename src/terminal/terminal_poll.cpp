@@ -1,10 +1,20 @@
 // One pass over all sockets of the terminal, and the poll entries for it.
 
+#include <algorithm>
+
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
+#include "foundation/quiet_spell.h"
 #include "terminal/terminal_impl.h"
 
 bool VekmsgTerminalImpl_::processPollEvents(bool& gotData) try {
+    const QuietSpellEnd_ end;
+    lookForQuietSockets();
+    return makePass(gotData);
+}
+VEKMSG_RETURN_ON_EXCEPTION(false)
+
+bool VekmsgTerminalImpl_::makePass(bool& gotData) {
     gotData = false;
     if (!isOpen()) return true;
     for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
@@ -12,12 +22,56 @@ bool VekmsgTerminalImpl_::processPollEvents(bool& gotData) try {
     }
     for (auto next = m_unresolvedConnections.begin(); next != m_unresolvedConnections.end();)
         processPollEvents(Resolving_(), next++);
-    for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();)
-        processPollEvents(Serving_(), next++, gotData);
+    for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();) {
+        const auto active = next++;
+        if ((*active)->isAtRest(quietSpell())) {
+            gotData = gotData || (*active)->hasReceived();
+        } else {
+            processPollEvents(Serving_(), active, gotData);
+        }
+    }
     if (!m_keptBlocks.empty()) gotData = true;
     return true;
 }
-VEKMSG_RETURN_ON_EXCEPTION(false)
+
+// The order of fillPollFdArray.
+template <class Action>
+void VekmsgTerminalImpl_::forEachSocket(Action action) const {
+    for (const SP_VekSocket_& sp_socket : m_listeningSockets) action(*sp_socket);
+    const auto ofConnection = [&](const SP_VekmsgConnection_& sp_connection) {
+        if (VekSocket_* p_socket = sp_connection->socket()) action(*p_socket);
+    };
+    std::for_each(m_unresolvedConnections.begin(), m_unresolvedConnections.end(), ofConnection);
+    std::for_each(m_activeConnections.begin(), m_activeConnections.end(), ofConnection);
+}
+
+void VekmsgTerminalImpl_::lookForQuietSockets() const {
+    endQuietSpell();
+    if (VEKMSG_QUIET_SPELLS == 0 || !isOpen()) return;
+    pollfd entries[kPollFdEntries];
+    unsigned int count = 0;
+    forEachSocket([&](const VekSocket_& socket) {
+        if (count < kPollFdEntries && socket.fillQuietPollFd(entries[count])) ++count;
+    });
+    // Asking one stream costs no more than the poll; a listening socket with nobody waiting costs ten times
+    // that.
+    if (count < 2 && m_listeningSockets.empty()) return;
+    if (poll(entries, count, 0) < 0) return;
+    beginQuietSpell();
+    noteQuietSockets(entries, count);
+}
+
+const pollfd* VekmsgTerminalImpl_::noteQuietSockets(const pollfd* p_entries, unsigned int count) const {
+    const pollfd* const p_end = p_entries + count;
+    const std::uint64_t spell = quietSpell();
+    forEachSocket([&](VekSocket_& socket) {
+        // Entries come in the order of the sockets, but not every socket has one.
+        if (p_entries == p_end || p_entries->fd != socket.descriptor()) return;
+        if (p_entries->revents == 0) socket.noteQuiet(spell);
+        ++p_entries;
+    });
+    return p_entries;
+}
 
 bool VekmsgTerminalImpl_::processPollEvents(Accepting_, VekSocket_& listeningSocket) {
     SP_VekSocket_ sp_socket;

@@ -4,6 +4,7 @@
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
+#include "foundation/quiet_spell.h"
 #include "terminal/terminal_impl.h"
 
 namespace {
@@ -27,8 +28,10 @@ bool VekmsgTerminalImpl_::receiveMessage(SP_VekMessage_& sp_message) try {
     sp_message.reset();
     if (!isOpen()) return true;
     if (takeReceivedMessage(sp_message)) return true;
+    const QuietSpellEnd_ end;
+    lookForQuietSockets();
     bool gotData = false;
-    if (!processPollEvents(gotData)) return false;
+    if (!makePass(gotData)) return false;
     if (!gotData) return true;
     if (!receiveKeptBlocks() || !receiveFromConnections()) return false;
     takeReceivedMessage(sp_message);
@@ -65,6 +68,10 @@ void VekmsgTerminalImpl_::keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_U
 // to that one and goes on by name.
 bool VekmsgTerminalImpl_::receiveFromConnections() {
     for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();) {
+        if (!(*next)->hasReceived() && (*next)->isAtRest(quietSpell())) {
+            ++next;
+            continue;
+        }
         const SP_VekmsgConnection_ sp_connection = *next;
         SP_BasicBuffer_ sp_buffer;
         if (!sp_connection->receiveEncodedMessage(sp_buffer)) {

@@ -6,6 +6,7 @@
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
+#include "foundation/quiet_spell.h"
 #include "foundation/utf8_name.h"
 #include "terminal/terminal_impl.h"
 
@@ -28,7 +29,8 @@ public:
     bool process(bool& gotData, pollfd* p_entries, unsigned int& used) const {
         return forEach([&](VekmsgTerminalImpl_& terminal) {
             bool hasData = false;
-            if (!terminal.processPollEvents(hasData)) return false;
+            terminal.lookForQuietSockets();
+            if (!terminal.makePass(hasData)) return false;
             gotData = gotData || hasData;
             if (gotData) return true;
             unsigned int count = VekmsgTerminalImpl_::kPollFdEntries - used;
@@ -41,8 +43,17 @@ public:
     bool process(bool& gotData) const {
         return forEach([&](VekmsgTerminalImpl_& terminal) {
             bool hasData = false;
-            if (!terminal.processPollEvents(hasData)) return false;
+            if (!terminal.makePass(hasData)) return false;
             gotData = gotData || hasData;
+            return true;
+        });
+    }
+
+    /// What the poll has returned for the entries of `process`.
+    void noteQuietSockets(const pollfd* p_entries, const pollfd* p_end) const {
+        beginQuietSpell();
+        forEach([&](const VekmsgTerminalImpl_& terminal) {
+            p_entries = terminal.noteQuietSockets(p_entries, static_cast<unsigned int>(p_end - p_entries));
             return true;
         });
     }
@@ -80,32 +91,54 @@ VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::waitForMessage(unsigned in
         return VekmsgTerminal_::WAIT_ERROR;
     }
     if (!m_receivedMessages.empty()) return VekmsgTerminal_::WAIT_MESSAGE;
+    const QuietSpellEnd_ end;
+    bool gotData = false;
+    // What the poll of the wait will tell at once need not be asked before it.
+    bool isPassDue = !awaitsOnlyEvents();
+    if (isPassDue) lookForQuietSockets();
     unsigned int remainingMs = std::max(timeoutMs, 1U);  // at least one poll in any case
     while (remainingMs != 0) {
-        bool gotData = false;
-        if (!processPollEvents(gotData)) return VekmsgTerminal_::WAIT_ERROR;
+        if (isPassDue && !makePass(gotData)) return VekmsgTerminal_::WAIT_ERROR;
         if (gotData) return VekmsgTerminal_::WAIT_MESSAGE;
         pollfd entries[kWaitPollEntries];
         unsigned int count = kWaitPollEntries;
         if (!fillPollFdArray(entries, count)) return VekmsgTerminal_::WAIT_ERROR;
         const int slice = nextSlice(remainingMs);
+        endQuietSpell();
         const int result = poll(entries, count, slice);
         const int error = errno;
         if (result < 0 && error != EINTR) {
+            if (!isPassDue && !makePass(gotData)) return VekmsgTerminal_::WAIT_ERROR;
+            if (gotData) return VekmsgTerminal_::WAIT_MESSAGE;
             VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::waitForMessage(%u) poll() for %s failed with error(%d) %s",
                              remainingMs, printable(m_sp_componentName), error, std::strerror(error));
             return VekmsgTerminal_::WAIT_ERROR;
         }
         if (result == 0) remainingMs -= static_cast<unsigned int>(slice);
+        if (result >= 0) {
+            beginQuietSpell();
+            noteQuietSockets(entries, count);
+        }
+        isPassDue = true;
     }
     return VekmsgTerminal_::WAIT_TIMEOUT;
 }
 VEKMSG_RETURN_ON_EXCEPTION(VekmsgTerminal_::WAIT_ERROR)
 
+bool VekmsgTerminalImpl_::awaitsOnlyEvents() const {
+    if (VEKMSG_QUIET_SPELLS == 0 || !m_keptBlocks.empty() || !m_unresolvedConnections.empty()) return false;
+    if (m_listeningSockets.size() + m_activeConnections.size() > kWaitPollEntries) return false;
+    return std::all_of(m_activeConnections.begin(), m_activeConnections.end(),
+                       [](const SP_VekmsgConnection_& sp_connection) {
+                           return sp_connection->awaitsOnlyData() && !sp_connection->hasReceived();
+                       });
+}
+
 VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd* p_pollFd, unsigned int count,
                                                              unsigned int timeoutMs,
                                                              VekmsgTerminalImpl_* (*accessor)(void*),
                                                              char* handles) try {
+    const QuietSpellEnd_ end;
     const Terminals_ terminals(accessor, handles);
     const unsigned int callers = p_pollFd != nullptr ? count : 0;
     unsigned int remainingMs = timeoutMs;
@@ -123,6 +156,7 @@ VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd* p_pollFd, u
         if (gotData) return VekmsgTerminal_::POLL_MESSAGE;
 
         const int slice = nextSlice(remainingMs);
+        endQuietSpell();
         const int result = poll(entries, used, slice);
         const int error = errno;
         if (result < 0 && error != EINTR) {
@@ -132,6 +166,7 @@ VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd* p_pollFd, u
             return VekmsgTerminal_::POLL_ERROR;
         }
         if (result == 0) remainingMs -= static_cast<unsigned int>(slice);
+        if (result >= 0) terminals.noteQuietSockets(entries + callers, entries + used);
         const int ready = result > 0 ? copyReturnedEvents(entries, p_pollFd, callers) : 0;
         if (!terminals.process(gotData)) return VekmsgTerminal_::POLL_ERROR;
         if (ready != 0) return static_cast<PollResult_>(ready);

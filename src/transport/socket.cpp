@@ -178,7 +178,7 @@ bool VekSocket_::listen(unsigned int backlog) {
 
 bool VekSocket_::accept(SP_VekSocket_& sp_socket) {
     sp_socket.reset();
-    if (m_state != LISTENING) return true;
+    if (m_state != LISTENING || isQuiet()) return true;
     VekSockNativeAddr_ peer;
     if (!m_localAddress.fillInNative(&peer)) return false;
     socklen_t length = m_localAddress.nativeSize();
@@ -293,6 +293,7 @@ VEKMSG_RETURN_ON_EXCEPTION(false)
 bool VekSocket_::connect() {
     VekSockNativeAddr_ native;
     if (!m_remoteAddress.fillInNative(&native)) return false;
+    endQuietSpell();
     if (::connect(m_descriptor, &native.m_any, m_remoteAddress.nativeSize()) == 0) {
         becomeConnected();
         return true;
@@ -314,16 +315,17 @@ void VekSocket_::becomeConnected() {
 
 bool VekSocket_::connecting() {
     const char* p_name = m_remoteAddress.realName().c_str();
+    const bool isAsked = !isQuiet();
     int error = 0;
     socklen_t length = sizeof(error);
-    if (::getsockopt(m_descriptor, SOL_SOCKET, SO_ERROR, &error, &length) < 0) {
+    if (isAsked && ::getsockopt(m_descriptor, SOL_SOCKET, SO_ERROR, &error, &length) < 0) {
         error = errno;
         m_state = IDLE;
         VEKMSG_LOG_ERROR("VekSocket_::connecting(%s) getsockopt() failed with error(%d): %s", p_name, error,
                          std::strerror(error));
         return false;
     }
-    if (error == 0 && hasPeer(m_descriptor)) {
+    if (isAsked && error == 0 && hasPeer(m_descriptor)) {
         becomeConnected();
         return true;
     }
@@ -374,6 +376,7 @@ VekSocket_::SendResult_ VekSocket_::send(SP_BasicBuffer_ sp_buffer) {
 /// Writes what the descriptor takes of the last `m_dataToBeSent` bytes.
 long VekSocket_::writePending() const {
     const unsigned char* p_end = m_sp_sendBuffer->data() + m_sp_sendBuffer->dataLength();
+    endQuietSpell();
     // A closed peer must not end the process with SIGPIPE.
     return ::send(m_descriptor, p_end - m_dataToBeSent, m_dataToBeSent, MSG_NOSIGNAL);
 }
@@ -435,6 +438,7 @@ bool VekSocket_::check() {
 bool VekSocket_::check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete) {
     // The owner may have put more data into the buffer since it was armed.
     m_bytesToReceive = std::min(m_bytesToReceive, receiveBuffer.trailerRoom());
+    if (isQuiet() && m_bytesToReceive != 0) return true;
     long count = ::recv(m_descriptor, receiveBuffer.data() + receiveBuffer.dataLength(), m_bytesToReceive, 0);
     if (count == 0) {
         closeDescriptor();
@@ -516,6 +520,15 @@ bool VekSocket_::fillPollFd(bool wantWrite, pollfd* p_pollFd, pollfd*& p_next) c
     return true;
 }
 
+bool VekSocket_::fillQuietPollFd(pollfd& entry) const {
+    const bool isReceiving = m_state == CONNECTED && !m_sp_receiveBuffer.isNull() && m_bytesToReceive != 0;
+    if (m_descriptor < 0 || (m_state != LISTENING && m_state != CONNECTING && !isReceiving)) return false;
+    entry.fd = m_descriptor;
+    entry.events = m_state == CONNECTING ? POLLOUT : POLLIN | POLLPRI;
+    entry.revents = 0;
+    return true;
+}
+
 void VekSocket_::cleanUp() {
     closeDescriptor();
     if (m_state == LISTENING && m_localAddress.type() == VekSocketAddress_::LOCAL &&
@@ -525,6 +538,7 @@ void VekSocket_::cleanUp() {
                            m_localAddress.path(), error, std::strerror(error));
     }
     m_state = IDLE;
+    forgetQuiet();
     m_localAddress.initializeAsWildcard(VekSocketAddress_::UNKNOWN);
     m_remoteAddress.initializeAsWildcard(VekSocketAddress_::UNKNOWN);
     dropBuffers();
@@ -538,6 +552,8 @@ void VekSocket_::dropBuffers() {
 }
 
 void VekSocket_::closeDescriptor() {
-    if (m_descriptor != -1) ::close(m_descriptor);
+    if (m_descriptor == -1) return;
+    endQuietSpell();
+    ::close(m_descriptor);
     m_descriptor = -1;
 }

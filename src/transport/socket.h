@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "foundation/quiet_spell.h"
 #include "libcpp/basic_buffer.h"
 #include "libcpp/time_stamp.h"
 #include "transport/socket_address.h"
@@ -70,6 +71,21 @@ public:
     /// Fills at most one entry; `p_next` is behind it.
     bool fillPollFd(bool wantWrite, pollfd* p_pollFd, pollfd*& p_next) const;
 
+    /// Fills the entry with what would make this socket do something, if anything would but the clock.
+    bool fillQuietPollFd(pollfd& entry) const;
+
+    /// A poll for that has just reported nothing. While the spell lasts, `accept`, the read of `check` and
+    /// the look at a connect under way take the answer "not yet" without asking. Writes and time limits go
+    /// on.
+    void noteQuiet(std::uint64_t spell) { m_quietSpell = spell; }
+    void forgetQuiet() { m_quietSpell = kNoQuietSpell; }
+
+    /// Whether nothing but data from the peer makes `check` do anything.
+    bool awaitsOnlyData() const { return m_state == CONNECTED && m_bytesToReceive != 0 && !m_sp_sendBuffer; }
+
+    /// Whether `check` in this spell would find nothing and do nothing.
+    bool isAtRest(std::uint64_t spell) const { return isQuiet(spell) && awaitsOnlyData(); }
+
     bool isConnected() const { return m_state == CONNECTED; }
     bool isSendDataPending() const { return m_dataToBeSent != 0; }
 
@@ -92,6 +108,8 @@ private:
     bool check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete);
     bool check(BasicBuffer_& sendBuffer);
 
+    bool isQuiet() const { return m_quietSpell != kNoQuietSpell && isQuiet(quietSpell()); }
+    bool isQuiet(std::uint64_t spell) const { return m_quietSpell == spell && spell != kNoQuietSpell; }
     void becomeConnected();
     long writePending() const;
     void takeOffPending(long written);
@@ -106,7 +124,8 @@ private:
     SP_BasicBuffer_ m_sp_receiveBuffer;
     unsigned int m_bytesToReceive = 0;
     SP_BasicBuffer_ m_sp_sendBuffer;
-    unsigned int m_dataToBeSent = 0;  // 0 without a send buffer
+    unsigned int m_dataToBeSent = 0;             // 0 without a send buffer
+    std::uint64_t m_quietSpell = kNoQuietSpell;  // in which a poll found nothing here
 };
 
 #endif

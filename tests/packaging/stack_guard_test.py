@@ -13,20 +13,27 @@ import sys
 
 OPTION = "-fstack-protector-strong"
 
-# Each array on the stack, as its source declares it, and the function of the finished library in which it ends up.
+# Each array on the stack, as its source declares it, and the functions of the finished library in which it ends up. The
+# library is optimised as a whole: where a caller may take a function in, that caller stands behind "or in".
+ACCEPTING = ("VekSocket_::accepted( or in VekSocket_::accept( or in "
+             "VekmsgTerminalImpl_::processPollEvents(VekmsgTerminalImpl_::Accepting_")
 ARRAYS = {
     "foundation/log_record.cpp: char line[24]": "(anonymous namespace)::writeToStandardError(",
     "foundation/log_record.cpp: Line_ record": "(anonymous namespace)::writeToStandardError(",
     "foundation/text_output.cpp: char digits[10]": "writeUnformatted(std::ostream&, unsigned int)",
-    "message/message_codec.cpp: unsigned char bytes[kTimeToLiveSize]": "VekMessageBinary_::prependHeader(",
+    "message/message_codec.cpp: unsigned char bytes[kTimeToLiveSize]": 
+        "VekMessageBinary_::prependHeader( or in VekmsgTerminalImpl_::sendMessage(libcpp::SmartPointer_<VekMessage_",
+    "terminal/terminal_poll.cpp: pollfd entries[kPollFdEntries]": "VekmsgTerminalImpl_::lookForQuietSockets(",
     "terminal/terminal_wait.cpp: pollfd entries[kWaitPollEntries]": "VekmsgTerminalImpl_::waitForMessage(",
     "terminal/terminal_wait.cpp: pollfd entries[kPollFdEntries]": "VekmsgTerminalImpl_::pollFd(",
-    "transport/socket.cpp: VekSockNativeAddr_ peer": ["(anonymous namespace)::hasPeer(", "VekSocket_::accept("],
+    "transport/socket.cpp: VekSockNativeAddr_ peer": [
+        "(anonymous namespace)::hasPeer( or in VekSocket_::connecting( or in VekSocket_::check(", ACCEPTING],
     "transport/socket.cpp: VekSockNativeAddr_ native": ["VekSocket_::initialize(VekSocketAddress_ const&)",
                                                         "VekSocket_::connect()"],
-    "transport/socket.cpp: VekSockNativeAddr_ local": "VekSocket_::accepted(",
-    "transport/socket.cpp: VekSockNativeAddr_ remote": "VekSocket_::accepted(",
-    "transport/socket_address.cpp: char dotted[kLongestDotted + 1]": "VekSocketAddress_::setRealName(char const*, char",
+    "transport/socket.cpp: VekSockNativeAddr_ local": ACCEPTING,
+    "transport/socket.cpp: VekSockNativeAddr_ remote": ACCEPTING,
+    "transport/socket_address.cpp: char dotted[kLongestDotted + 1]": 
+        "VekSocketAddress_::setRealName(char const*, char or in VekSocketAddress_::setRealName(char const*)",
 }
 
 # Arrays that never reach the stack, with the reason.
@@ -84,10 +91,12 @@ def faults(library, compile_commands, folder):
     present, guarded = functions(library)
     for names in ARRAYS.values():
         for name in [names] if isinstance(names, str) else names:
-            if not any(each.startswith(name) for each in present):
+            # The innermost function that is still one of its own has the array.
+            places = [place for place in name.split(" or in ") if any(each.startswith(place) for each in present)]
+            if not places:
                 found.append(f"no function {name} in the library")
-            elif not any(each.startswith(name) for each in guarded):
-                found.append(f"{name} does not check its guard")
+            elif not any(each.startswith(places[0]) for each in guarded):
+                found.append(f"{places[0]} does not check its guard")
     return found, len(guarded)
 
 

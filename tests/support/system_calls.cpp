@@ -160,6 +160,47 @@ ssize_t receiveAdmitted(size_t length, Through through) {
     return received;
 }
 
+bool isPlanned(SystemCalls_::Call_ call) {
+    const Plan_& plan = g_state.m_plans[call];
+    return std::any_of(plan.m_step, plan.m_step + plan.m_steps,
+                       [](const Step_& step) { return step.m_times != 0; });
+}
+
+/// What the plans are going to do shows as the events that announce it.
+short plannedEvents(const pollfd& entry) {
+    int isListening = 0;
+    socklen_t length = sizeof(isListening);
+    if (next<decltype(getsockopt)>("getsockopt")(entry.fd, SOL_SOCKET, SO_ACCEPTCONN, &isListening,
+                                                 &length) != 0)
+        return 0;
+    const bool isReadable = isPlanned(isListening != 0 ? SystemCalls_::Accept : SystemCalls_::Recv);
+    const int events = (isReadable ? POLLIN : 0) | (isPlanned(SystemCalls_::Getsockopt) ? POLLOUT : 0);
+    return static_cast<short>(events & entry.events);
+}
+
+int pollWithPlans(struct pollfd* p_entries, nfds_t count, int timeout) {
+    const bool isAnyPlanned = isPlanned(SystemCalls_::Accept) || isPlanned(SystemCalls_::Recv) ||
+                              isPlanned(SystemCalls_::Getsockopt);
+    if (isAnyPlanned)
+        for (nfds_t i = 0; i < count; ++i)
+            if (plannedEvents(p_entries[i]) != 0) timeout = 0;
+    const int result = next<decltype(poll)>("poll")(p_entries, count, timeout);
+    if (!isAnyPlanned || result < 0) return result;
+    int ready = 0;
+    for (nfds_t i = 0; i < count; ++i) {
+        p_entries[i].revents = static_cast<short>(p_entries[i].revents | plannedEvents(p_entries[i]));
+        if (p_entries[i].revents != 0) ++ready;
+    }
+    return ready;
+}
+
+/// A look asks for nothing but what would make a socket do something; waits ask for errors by name.
+bool isLook(const struct pollfd* p_entries, nfds_t count, int timeout) {
+    return timeout == 0 && count != 0 && std::all_of(p_entries, p_entries + count, [](const pollfd& entry) {
+               return entry.events == (POLLIN | POLLPRI) || entry.events == POLLOUT;
+           });
+}
+
 int forwardFcntl(const char* p_name, const void* p_place, int descriptor, int command, long argument) {
     return carryOut(SystemCalls_::Fcntl, p_place,
                     [=] { return next<int(int, int, ...)>(p_name)(descriptor, command, argument); });
@@ -205,7 +246,7 @@ const char* SystemCalls_::name(Call_ call) {
     static const char* const s_names[] = {
         "socket",      "fcntl",         "setsockopt", "getsockopt", "bind",  "listen", "accept", "connect",
         "getsockname", "getpeername",   "send",       "recv",       "close", "access", "unlink", "chmod",
-        "poll",        "clock_gettime", "write",      "read",       "fopen", "fclose"};
+        "poll",        "look",          "clock_gettime", "write", "read",  "fopen",  "fclose"};
     static_assert(sizeof(s_names) / sizeof(s_names[0]) == NumberOfCalls, "each call has a name");
     return s_names[call];
 }
@@ -427,8 +468,8 @@ int chmod(const char* p_path, mode_t mode) noexcept {
 }
 
 int poll(struct pollfd* p_entries, nfds_t count, int timeout) {
-    return carryOut(SystemCalls_::Poll, PLACE,
-                    [=] { return next<decltype(poll)>("poll")(p_entries, count, timeout); });
+    return carryOut(isLook(p_entries, count, timeout) ? SystemCalls_::Look : SystemCalls_::Poll, PLACE,
+                    [=] { return pollWithPlans(p_entries, count, timeout); });
 }
 
 int clock_gettime(clockid_t clock, struct timespec* p_now) noexcept {

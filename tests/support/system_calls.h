@@ -10,6 +10,9 @@
 ///
 /// A plan says what becomes of the next calls of one kind. A new plan replaces the present one of its kind,
 /// except behind `then()`.
+///
+/// As with the kernel's own failures, a poll shows what is going to happen: while a plan for accept, recv or
+/// the pending error is not used up, every socket that it may concern is ready.
 class SystemCalls_ {
 public:
     enum Call_ {
@@ -29,7 +32,8 @@ public:
         Access,
         Unlink,
         Chmod,
-        Poll,
+        Poll,  // that of a wait
+        Look,  // the poll by which the library learns, without waiting, which sockets are quiet
         ClockGettime,
         Write,
         Read,

@@ -59,6 +59,7 @@ const Errors_& errorsOf(SystemCalls_::Call_ call) {
          {EINTR, EACCES, EFAULT, EINVAL, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EOPNOTSUPP, EPERM,
           EROFS}},
         {Calls_::Poll, {EINTR, EAGAIN, EFAULT, EINVAL, ENOMEM}},
+        {Calls_::Look, {EINTR, EAGAIN, EFAULT, EINVAL, ENOMEM}},
         {Calls_::ClockGettime, {EINTR, EACCES, EFAULT, EINVAL, ENODEV, ENOTSUP, EOVERFLOW, EPERM}},
         {Calls_::Write,
          {EINTR, EAGAIN, EBADF, EDESTADDRREQ, EDQUOT, EFAULT, EFBIG, EINVAL, EIO, ENOSPC, ENXIO, EPERM,

@@ -1,4 +1,4 @@
-// What becomes of a wait when poll fails.
+// What becomes of a wait, or of a look at what the sockets have, when poll fails.
 
 #include <cerrno>
 
@@ -57,13 +57,32 @@ void polling(Scene_& scene, const Failure_& failure) {
     scene.works();
 }
 
+/// Without what the poll would have told, each socket is asked.
+void looking(Scene_& scene, const Failure_& failure) {
+    scene.opened();
+    eachTime(failure, [&] {
+        scene.calls().fail(Calls_::Look, failure.m_error);
+        const unsigned int before = scene.calls().count(Calls_::Accept);
+        SP_VekMessage_ sp_message;
+        scene.expect(scene.terminal().receiveMessage(sp_message) && !sp_message, "nothing has come");
+        scene.expect(scene.calls().count(Calls_::Accept) - before == 1, "the listening socket is asked");
+        scene.expectNoRecords("receiveMessage");
+    });
+    scene.works();
+}
+
 }  // namespace
 
 Situations_ waitingSituations() {
-    return {
+    Situations_ situations = {
         {Calls_::Poll, kLocal, "waitForMessage: polls", waiting},
         {Calls_::Poll, kTcp, "waitForMessage: polls", waiting},
         {Calls_::Poll, kLocal, "pollFd: polls", polling},
         {Calls_::Poll, kTcp, "pollFd: polls", polling},
     };
+    if (VEKMSG_QUIET_SPELLS != 0) {
+        situations.push_back({Calls_::Look, kLocal, "receiveMessage: looks", looking});
+        situations.push_back({Calls_::Look, kTcp, "receiveMessage: looks", looking});
+    }
+    return situations;
 }
