@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 #include "libcpp/basic_object.h"
@@ -86,6 +87,15 @@ struct CountPlace_<T, false> {
 template <class T>
 struct SmartPointerTypeTraits_ : CountPlace_<T, std::is_base_of<BasicObject_, T>::value> {};
 
+/// A checked cast, which searches the class hierarchy only where the object is not exactly a T.
+template <class T, class Other>
+T* castTo(Other* p_object) {
+    if constexpr (std::is_base_of<Other, T>::value) {
+        if (p_object != nullptr && typeid(*p_object) == typeid(T)) return static_cast<T*>(p_object);
+    }
+    return dynamic_cast<T*>(p_object);
+}
+
 /// One owner of a shared object, or of none (null). Copies share the object; it goes when the last owner
 /// goes.
 ///
@@ -108,7 +118,7 @@ public:
 
     template <class Other, class = std::enable_if_t<std::is_base_of<BasicObject_, Other>::value &&
                                                     std::is_base_of<BasicObject_, T>::value>>
-    SmartPointer_(const SmartPointer_<Other>& other) : SmartPointer_(dynamic_cast<T*>(other.get())) {}
+    SmartPointer_(const SmartPointer_<Other>& other) : SmartPointer_(castTo<T>(other.get())) {}
 
     virtual ~SmartPointer_() { removeRef(m_p_pointee); }
 
@@ -138,6 +148,9 @@ public:
         sp_adopted.m_p_pointee = p_pointee;
         return sp_adopted;
     }
+
+    /// Gives the pointee, with the reference of this smart pointer, to the caller and is null then.
+    Pointee* detach() noexcept { return std::exchange(m_p_pointee, nullptr); }
 
     void reset() { removeRef(std::exchange(m_p_pointee, nullptr)); }
     void swap(SmartPointer_& other) noexcept { std::swap(m_p_pointee, other.m_p_pointee); }

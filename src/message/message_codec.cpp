@@ -90,7 +90,7 @@ private:
 }  // namespace
 
 const VekmsgElementBinary_* VekMessageBinary_::binaryPayload() const {
-    return dynamic_cast<const VekmsgElementBinary_*>(m_sp_payload.get());
+    return libcpp::castTo<const VekmsgElementBinary_>(m_sp_payload.get());
 }
 
 unsigned int VekMessageBinary_::getMaxSerializationSize() const {
