@@ -79,26 +79,28 @@ private:
     static inline thread_local Chain_ t_chain{nullptr, 0, Phase_::Unused};
 };
 
-/// Puts the nodes of a standard container on the thread's free list.
+/// Puts what standard containers take on the thread's free lists: single nodes, and arrays of 8, 16, 32, 64
+/// and 128, as a growing array passes through them. Others come from the heap.
 template <class T>
 struct FreeListAllocator_ {
     using value_type = T;
+
+    static constexpr std::size_t kSmallestArray = 8;
 
     FreeListAllocator_() noexcept = default;
     template <class U>
     FreeListAllocator_(const FreeListAllocator_<U>&) noexcept {}
 
     T* allocate(std::size_t count) {
-        if (count != 1) return std::allocator<T>().allocate(count);
-        void* p_node = FreeList_<sizeof(T), 256>::take();
-        if (p_node == nullptr) throw std::bad_alloc();
-        return static_cast<T*>(p_node);
+        void* p_memory = count == 1 ? Nodes_::take() : takeArray<kSmallestArray>(count);
+        if (p_memory == nullptr) throw std::bad_alloc();
+        return static_cast<T*>(p_memory);
     }
-    void deallocate(T* p_node, std::size_t count) noexcept {
-        if (count != 1) {
-            std::allocator<T>().deallocate(p_node, count);
+    void deallocate(T* p_memory, std::size_t count) noexcept {
+        if (count == 1) {
+            Nodes_::give(p_memory);
         } else {
-            FreeList_<sizeof(T), 256>::give(p_node);
+            giveArray<kSmallestArray>(p_memory, count);
         }
     }
 
@@ -109,6 +111,36 @@ struct FreeListAllocator_ {
     template <class U>
     bool operator!=(const FreeListAllocator_<U>&) const noexcept {
         return false;
+    }
+
+private:
+    using Nodes_ = FreeList_<sizeof(T), 256>;
+    template <std::size_t Count>
+    using Arrays_ = FreeList_<Count * sizeof(T), 32>;
+
+    static constexpr std::size_t kLargestArray = 128;
+
+    /// Null when memory is short.
+    template <std::size_t Count>
+    static void* takeArray(std::size_t count) noexcept {
+        if (count == Count) return Arrays_<Count>::take();
+        if constexpr (Count < kLargestArray) {
+            return takeArray<2 * Count>(count);
+        } else {
+            const bool isTooMany = count > static_cast<std::size_t>(-1) / sizeof(T);
+            return isTooMany ? nullptr : ::operator new(count * sizeof(T), std::nothrow);
+        }
+    }
+
+    template <std::size_t Count>
+    static void giveArray(T* p_memory, std::size_t count) noexcept {
+        if (count == Count) {
+            Arrays_<Count>::give(p_memory);
+        } else if constexpr (Count < kLargestArray) {
+            giveArray<2 * Count>(p_memory, count);
+        } else {
+            ::operator delete(p_memory);
+        }
     }
 };
 

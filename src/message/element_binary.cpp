@@ -32,10 +32,6 @@ bool VekmsgElementBinary_::setTag(VekmsgTag_ tag) {
     return true;
 }
 
-bool VekmsgElementBinary_::isLess(const VekmsgElementBinary_* p_other) const {
-    return p_other != nullptr && vekMsgTagCompare(m_tag, p_other->m_tag) < 0;
-}
-
 // Values
 
 unsigned int VekmsgElementBinary_::storedUint() const {
@@ -146,6 +142,12 @@ bool VekmsgElementBinary_::storeText(const Utf8Char_* p_text) {
     return fits;
 }
 
+void VekmsgElementBinary_::storeReceivedText(const unsigned char* p_text, unsigned int length) {
+    const auto* p_end = static_cast<const unsigned char*>(std::memchr(p_text, 0, length));
+    store(p_text, p_end != nullptr ? static_cast<unsigned int>(p_end - p_text) + 1 : length);
+    if (p_end == nullptr) closeText();
+}
+
 void VekmsgElementBinary_::closeText() {
     if (m_writtenSize == VEKMSG_MAX_VALUE_SIZE) m_value[VEKMSG_MAX_VALUE_SIZE - 1] = 0;
     const auto* p_end = static_cast<const unsigned char*>(std::memchr(m_value, 0, m_writtenSize));
@@ -156,9 +158,8 @@ void VekmsgElementBinary_::closeText() {
     m_valueLength = static_cast<unsigned int>(p_end - m_value) + 1;
 }
 
-void VekmsgElementBinary_::becomeReceived(VekmsgDataType_ type) {
-    m_type = type;
-    if (type == VEKMSG_STRING) closeText();
+void VekmsgElementBinary_::fillRefusedValue() {
+    if (m_type == VEKMSG_STRING) closeText();
     if (m_writtenSize >= kUintSize) return;
     std::memset(m_value + m_writtenSize, 0, kUintSize - m_writtenSize);
     m_writtenSize = kUintSize;
@@ -168,8 +169,8 @@ void VekmsgElementBinary_::becomeReceived(VekmsgDataType_ type) {
 
 // What the message's helper makes is of this class, so the cast needs no check at run time.
 SP_VekmsgElementBinary_ VekmsgElementBinary_::createSibling(VekmsgTag_ tag) const {
-    const SP_VekmsgElement_ sp_element = VekMessageBinary_::createElement(tag, m_p_message);
-    return SP_VekmsgElementBinary_(static_cast<VekmsgElementBinary_*>(sp_element.get()));
+    SP_VekmsgElement_ sp_element = VekMessageBinary_::createElement(tag, m_p_message);
+    return SP_VekmsgElementBinary_::adopt(static_cast<VekmsgElementBinary_*>(sp_element.detach()));
 }
 
 bool VekmsgElementBinary_::addSubelements(SP_VekmsgElement_ sp_subElement) try {
@@ -181,29 +182,34 @@ bool VekmsgElementBinary_::addSubelements(SP_VekmsgElement_ sp_subElement) try {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::addSubelements() element with tag == ANY");
         return false;
     }
-    // Children mostly come in the order of their tags: with the end as a hint that takes constant time. Among
-    // equal tags the new one comes last either way.
-    m_subElements.insert(m_subElements.end(), sp_subElement);
+    insertSubElement(sp_subElement);
     m_type = VEKMSG_COMPLEX;
     return true;
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
+void VekmsgElementBinary_::insertSubElement(const SP_VekmsgElementBinary_& sp_element) {
+    const SubElements_::Position_ position = m_subElements.insert(sp_element);
+    if (position <= m_queryCursor) ++m_queryCursor;
+    if (position <= m_queryEnd) ++m_queryEnd;
+}
+
+SP_VekmsgElement_ VekmsgElementBinary_::subElementAt(SubElements_::Position_ position) const {
+    return position < m_subElements.size() ? SP_VekmsgElement_(m_subElements[position]) : SP_VekmsgElement_();
+}
+
 SP_VekmsgElement_ VekmsgElementBinary_::findFirstMatchingSubelement(VekmsgTag_ tag) const {
     if (m_type != VEKMSG_COMPLEX) return SP_VekmsgElement_();
-    if (isAny(tag)) {
-        if (m_subElements.empty()) return SP_VekmsgElement_();
-        return *m_subElements.begin();
-    }
+    if (isAny(tag)) return subElementAt(0);
     const SP_VekmsgElementBinary_ sp_probe = createSibling(tag);
     if (sp_probe.isNull()) {
         VEKMSG_LOG_ERROR(
             "VekmsgElementBinary_::getFirstMatchingSubelement() createElement() returned invalid object");
         return SP_VekmsgElement_();
     }
-    const auto found = m_subElements.lower_bound(sp_probe);
-    if (found == m_subElements.end() || sp_probe->isLess(found->get())) return SP_VekmsgElement_();
-    return *found;
+    const SubElements_::Position_ found = m_subElements.lowerBound(sp_probe.get());
+    if (found == m_subElements.size() || sp_probe->isLess(m_subElements[found])) return SP_VekmsgElement_();
+    return subElementAt(found);
 }
 
 bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
@@ -212,8 +218,8 @@ bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
         return false;
     }
     if (isAny(tag)) {
-        m_queryCursor = m_subElements.begin();
-        m_queryEnd = m_subElements.end();
+        m_queryCursor = 0;
+        m_queryEnd = m_subElements.size();
         return true;
     }
     const SP_VekmsgElementBinary_ sp_probe = createSibling(tag);
@@ -221,19 +227,18 @@ bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::querySubelements() createElement() returned invalid object");
         return false;
     }
-    m_queryCursor = m_subElements.lower_bound(sp_probe);
-    m_queryEnd = m_subElements.upper_bound(sp_probe);
+    m_queryCursor = m_subElements.lowerBound(sp_probe.get());
+    m_queryEnd = m_subElements.upperBound(sp_probe.get());
     return true;
 }
 
 SP_VekmsgElement_ VekmsgElementBinary_::getNextSubelement() {
     if (m_queryCursor == m_queryEnd) return SP_VekmsgElement_();
-    return *m_queryCursor++;
+    return subElementAt(m_queryCursor++);
 }
 
 void VekmsgElementBinary_::endQuerySubelements() {
-    m_queryCursor = m_subElements.end();
-    m_queryEnd = m_subElements.end();
+    m_queryCursor = m_queryEnd;
 }
 
 bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, unsigned int& value) const {

@@ -1,9 +1,8 @@
 #ifndef VEKMSG_MESSAGE_ELEMENT_BINARY_H
 #define VEKMSG_MESSAGE_ELEMENT_BINARY_H
 
-#include <set>
-
 #include "foundation/free_list.h"
+#include "message/sub_elements.h"
 #include "vekmsg/element.h"
 
 class VekMessageBinary_;
@@ -57,7 +56,9 @@ public:
     bool setTag(VekmsgTag_ tag) override;
 
     /// By tag; false when `p_other` is null.
-    bool isLess(const VekmsgElementBinary_* p_other) const;
+    bool isLess(const VekmsgElementBinary_* p_other) const {
+        return p_other != nullptr && vekMsgTagCompare(m_tag, p_other->m_tag) < 0;
+    }
 
     /// Writes the element so that it ends directly before `p_endOfFreespace`. The bytes written, or 0 with a
     /// record; the free space is then undefined.
@@ -71,9 +72,6 @@ public:
     unsigned int deserialize(const unsigned char* p_bytestream, unsigned int bytestreamLength);
 
 private:
-    using SubElements_ = std::multiset<SP_VekmsgElementBinary_, libcpp::IsLess_<SP_VekmsgElementBinary_>,
-                                       libcpp::FreeListAllocator_<SP_VekmsgElementBinary_>>;
-
     static constexpr unsigned int kUintSize = 4;
 
     struct Item_ {
@@ -90,12 +88,15 @@ private:
     /// False when the text had to be cut.
     bool storeText(const Utf8Char_* p_text);
 
+    /// Stores text from the wire up to its NUL, which need not be there.
+    void storeReceivedText(const unsigned char* p_text, unsigned int length);
+
     /// Ends the text in the storage at its first zero byte, which may be the first one never written.
     void closeText();
 
-    /// Takes a type from the wire. Should the value then be refused, what the storage holds stands for it, so
-    /// that as much as the type reads is made to be written.
-    void becomeReceived(VekmsgDataType_ type);
+    /// When a value of the type from the wire is refused, what the storage holds stands for it: as much as
+    /// the type reads is made to be written.
+    void fillRefusedValue();
 
     /// The encoded size of a value that is not complex.
     unsigned int valueSize() const;
@@ -103,10 +104,18 @@ private:
     /// A new element of the same message; null with a record when memory is short.
     SP_VekmsgElementBinary_ createSibling(VekmsgTag_ tag) const;
 
+    /// The sub-element at the position, or null behind the last.
+    SP_VekmsgElement_ subElementAt(SubElements_::Position_ position) const;
+
+    /// Adds it and lets a query that is under way go on where it is.
+    void insertSubElement(const SP_VekmsgElementBinary_& sp_element);
+
     /// Null when there was no such sub-element and none could be added.
     SP_VekmsgElement_ findOrAddSubElement(VekmsgTag_ tag);
 
     unsigned int serializeSubElements(unsigned char* p_endOfFreespace, unsigned int freespaceSize) const;
+
+    unsigned int serializeValue(unsigned char* p_endOfFreespace, unsigned int freespaceSize) const;
 
     // The stages of reading: the content item, and the sub-elements in it.
     bool deserialize(const Item_& content);
@@ -119,12 +128,15 @@ private:
     const VekMessageBinary_* m_p_message;
     VekmsgTag_ m_tag;
     VekmsgDataType_ m_type = VEKMSG_UNDEFINED;
-    unsigned char m_value[VEKMSG_MAX_VALUE_SIZE];  // never cleared; bytes from m_writtenSize on count as zero
     unsigned int m_valueLength = 0;
     SubElements_ m_subElements;
-    SubElements_::const_iterator m_queryCursor;
-    SubElements_::const_iterator m_queryEnd;
+    SubElements_::Position_ m_queryCursor = 0;
+    SubElements_::Position_ m_queryEnd = 0;
     unsigned int m_writtenSize = 0;  // up to here this element wrote into m_value; m_valueLength is within
+
+    // Never cleared; bytes from m_writtenSize on count as zero. Last, so that a short value lies next to all
+    // the rest.
+    unsigned char m_value[VEKMSG_MAX_VALUE_SIZE];
 };
 
 #endif

@@ -1,7 +1,11 @@
+#include <cstring>
+#include <utility>
+
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "message/element_binary.h"
 #include "message/message_binary.h"
+#include "message/ttlv_header.h"
 
 namespace {
 
@@ -29,6 +33,9 @@ unsigned int VekmsgElementBinary_::serialize(unsigned char* p_endOfFreespace,
         case VEKMSG_UINT:
         case VEKMSG_STRING:
         case VEKMSG_BINARY:
+            written = serializeValue(p_endOfFreespace, freespaceSize);
+            if (written != 0) return written;
+            // What is missing, or that it is only the outer header, the codec of one item finds and says.
             written = VekMessageBinary_::serializeTtlv(
                 p_endOfFreespace, freespaceSize, VEKMSGTAG_ELEMENT_CONTENT, m_type, valueSize(), m_value);
             break;
@@ -45,12 +52,31 @@ unsigned int VekmsgElementBinary_::serialize(unsigned char* p_endOfFreespace,
     return header != 0 ? written + header : 0;
 }
 
+/// The value behind both its headers, or 0 when there is no room for all of that.
+unsigned int VekmsgElementBinary_::serializeValue(unsigned char* p_endOfFreespace,
+                                                  unsigned int freespaceSize) const {
+    const unsigned int length = valueSize();
+    const unsigned int size = 2 * kTtlvHeaderSize + length;
+    if (freespaceSize < size) return 0;
+    unsigned char* p_outer = p_endOfFreespace - size;
+    storeTtlvHeader(p_outer, m_tag, VEKMSG_UNDEFINED, size - kTtlvHeaderSize);
+    unsigned char* p_content = p_outer + kTtlvHeaderSize;
+    storeTtlvHeader(p_content, VEKMSGTAG_ELEMENT_CONTENT, m_type, length);
+    if (m_type == VEKMSG_UINT) {
+        std::memcpy(p_content + kTtlvHeaderSize, m_value, kUintSize);  // a known size is copied in place
+    } else {
+        std::memcpy(p_content + kTtlvHeaderSize, m_value, length);
+    }
+    return size;
+}
+
 unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFreespace,
                                                         unsigned int freespaceSize) const {
     unsigned int total = 0;
-    for (auto child = m_subElements.rbegin(); child != m_subElements.rend(); ++child) {
-        if (child->isNull()) return 0;  // an element of a foreign class was added
-        const unsigned int written = (*child)->serialize(p_endOfFreespace - total, freespaceSize - total);
+    for (SubElements_::Position_ next = m_subElements.size(); next-- != 0;) {
+        const VekmsgElementBinary_* p_child = m_subElements[next];
+        if (p_child == nullptr) return 0;  // an element of a foreign class was added
+        const unsigned int written = p_child->serialize(p_endOfFreespace - total, freespaceSize - total);
         if (written == 0) return 0;
         total += written;
     }
@@ -67,8 +93,8 @@ unsigned int VekmsgElementBinary_::getMaxSerializationSize() const {
         case VEKMSG_BINARY:
             return size + valueSize();
         case VEKMSG_COMPLEX:
-            for (const SP_VekmsgElementBinary_& sp_child : m_subElements)
-                if (!sp_child.isNull()) size += sp_child->getMaxSerializationSize();
+            for (const VekmsgElementBinary_* p_child : m_subElements)
+                if (p_child != nullptr) size += p_child->getMaxSerializationSize();
             return size;
         default:
             return size;
@@ -96,14 +122,18 @@ unsigned int VekmsgElementBinary_::deserialize(const unsigned char* p_bytestream
     }
     const unsigned int contentSize = VekMessageBinary_::deserializeTtlv(
         p_bytestream + headerSize, item.m_length, item.m_tag, item.m_type, item.m_length, item.m_p_value);
-    if (contentSize == 0 || !deserialize(item)) return 0;
+    if (contentSize == 0) return 0;
+    m_type = item.m_type;
+    if (!deserialize(item)) {
+        fillRefusedValue();
+        return 0;
+    }
     // Not the outer length: what it announces beyond the content item is read as the next sibling.
     return headerSize + contentSize;
 }
 VEKMSG_RETURN_ON_EXCEPTION(0)
 
 bool VekmsgElementBinary_::deserialize(const Item_& content) {
-    becomeReceived(content.m_type);
     if (content.m_tag != VEKMSGTAG_ELEMENT_CONTENT) {
         VEKMSG_LOG_ERROR(
             "VekmsgElementBinary_::deserialize() for element %u, expecting VEKMSGTAG_ELEMENT_CONTENT, got %d",
@@ -132,8 +162,7 @@ bool VekmsgElementBinary_::deserialize(const Item_& content) {
                     m_tag, content.m_length);
                 return false;
             }
-            store(content.m_p_value, content.m_length);
-            closeText();
+            storeReceivedText(content.m_p_value, content.m_length);
             return true;
         case VEKMSG_BINARY:
             if (content.m_length > VEKMSG_MAX_VALUE_SIZE) {
@@ -157,14 +186,14 @@ bool VekmsgElementBinary_::deserialize(const Item_& content, SubElements_& subEl
     const unsigned char* p_rest = content.m_p_value;
     unsigned int remaining = content.m_length;
     do {
-        const SP_VekmsgElementBinary_ sp_child = createSibling(VEKMSGTAG_ANY);
+        SP_VekmsgElementBinary_ sp_child = createSibling(VEKMSGTAG_ANY);
         if (sp_child.isNull()) {
             VEKMSG_LOG_ERROR("VekmsgElementBinary_::deserialize() createElement() returned invalid object");
             return false;
         }
         const unsigned int consumed = sp_child->deserialize(p_rest, remaining);
         if (consumed == 0) return false;
-        subElements.insert(subElements.end(), sp_child);
+        subElements.insert(std::move(sp_child));
         p_rest += consumed;
         remaining -= consumed;
     } while (remaining >= VekMessageBinary_::getTtlvHeaderSize());

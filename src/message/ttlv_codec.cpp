@@ -1,8 +1,8 @@
 #include <cstring>
 
-#include "foundation/big_endian.h"
 #include "foundation/log_record.h"
 #include "message/message_binary.h"
+#include "message/ttlv_header.h"
 
 // Everything inside a message is built of one kind of item. Numbers are big-endian.
 //
@@ -16,14 +16,8 @@
 //              | text NUL                        string
 //              | byte*                           binary
 
-namespace {
-
-constexpr unsigned int kHeaderSize = 6;
-
-}  // namespace
-
 unsigned int VekMessageBinary_::getTtlvHeaderSize() {
-    return kHeaderSize;
+    return kTtlvHeaderSize;
 }
 
 unsigned int VekMessageBinary_::serializeTtlvHeader(unsigned char* p_endOfFreespace,
@@ -33,17 +27,15 @@ unsigned int VekMessageBinary_::serializeTtlvHeader(unsigned char* p_endOfFreesp
         VEKMSG_LOG_ERROR("VekMessageBinary_::serializeTlvHeader() null p_endOfFreespace");
         return 0;
     }
-    if (freespaceSize < kHeaderSize) {
+    if (freespaceSize < kTtlvHeaderSize) {
         VEKMSG_LOG_ERROR(
             "VekMessageBinary_::serializeTlvHeader() freespaceSize %u is too short for TLV header of (%u, "
             "%u, %u)",
             freespaceSize, tag, type, length);
         return 0;
     }
-    store16(p_endOfFreespace - 6, tag);
-    store16(p_endOfFreespace - 4, type);
-    store16(p_endOfFreespace - 2, length);
-    return kHeaderSize;
+    storeTtlvHeader(p_endOfFreespace - kTtlvHeaderSize, tag, type, length);
+    return kTtlvHeaderSize;
 }
 
 unsigned int VekMessageBinary_::serializeTtlv(unsigned char* p_endOfFreespace, unsigned int freespaceSize,
@@ -65,7 +57,7 @@ unsigned int VekMessageBinary_::serializeTtlv(unsigned char* p_endOfFreespace, u
     unsigned char* p_start = p_endOfFreespace - length;
     std::memcpy(p_start, p_value, length);
     if (serializeTtlvHeader(p_start, freespaceSize - length, tag, type, length) == 0) return 0;
-    return kHeaderSize + length;
+    return kTtlvHeaderSize + length;
 }
 
 unsigned int VekMessageBinary_::deserializeTtlvHeader(const unsigned char* p_bytestream,
@@ -78,7 +70,7 @@ unsigned int VekMessageBinary_::deserializeTtlvHeader(const unsigned char* p_byt
         VEKMSG_LOG_ERROR("VekMessageBinary_::deserializeTtlvHeader() null p_bytestream");
         return 0;
     }
-    if (bytestreamLength < kHeaderSize) {
+    if (bytestreamLength < kTtlvHeaderSize) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::deserializeTtlvHeader() bytestreamLength %d is too short",
                          bytestreamLength);
         return 0;
@@ -86,7 +78,7 @@ unsigned int VekMessageBinary_::deserializeTtlvHeader(const unsigned char* p_byt
     tag = load16(p_bytestream);
     type = static_cast<VekmsgDataType_>(load16(p_bytestream + 2));
     length = load16(p_bytestream + 4);
-    return kHeaderSize;
+    return kTtlvHeaderSize;
 }
 
 unsigned int VekMessageBinary_::deserializeTtlv(const unsigned char* p_bytestream,
@@ -102,18 +94,18 @@ unsigned int VekMessageBinary_::deserializeTtlv(const unsigned char* p_bytestrea
         return 0;
     }
     if (deserializeTtlvHeader(p_bytestream, bytestreamLength, tag, type, length) == 0) return 0;
-    const unsigned int remaining = bytestreamLength - kHeaderSize;
+    const unsigned int remaining = bytestreamLength - kTtlvHeaderSize;
     if (remaining < length) {
         VEKMSG_LOG_ERROR(
             "VekMessageBinary_::deserializeTtlv() data length %d is too large for remaining stream %d",
             length, remaining);
         return 0;
     }
-    p_value = p_bytestream + kHeaderSize;
-    return kHeaderSize + length;
+    p_value = p_bytestream + kTtlvHeaderSize;
+    return kTtlvHeaderSize + length;
 }
 
 bool VekMessageBinary_::isValidTtlv(const unsigned char* p_bytestream, unsigned int bytestreamLength) {
-    return p_bytestream != nullptr && bytestreamLength >= kHeaderSize &&
-           load16(p_bytestream + 4) <= bytestreamLength - kHeaderSize;
+    return p_bytestream != nullptr && bytestreamLength >= kTtlvHeaderSize &&
+           load16(p_bytestream + 4) <= bytestreamLength - kTtlvHeaderSize;
 }

@@ -137,8 +137,8 @@ bool VekmsgElementBinary_::printValue(std::ostream& stream, unsigned int indent)
 
 bool VekmsgElementBinary_::printSubElements(std::ostream& stream, unsigned int indent) const {
     writeLine(stream, 0, R"(complex">)");
-    for (const SP_VekmsgElementBinary_& sp_child : m_subElements)
-        if (sp_child.isNull() || !sp_child->print(&stream, indent + 1)) return false;
+    for (const VekmsgElementBinary_* p_child : m_subElements)
+        if (p_child == nullptr || !p_child->print(&stream, indent + 1)) return false;
     return VekMessageBinary_::printIndents(&stream, indent);
 }
 

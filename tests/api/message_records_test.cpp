@@ -170,7 +170,7 @@ TEST_F(MessageRecords, ofAddingSubElements) {
     const char* p_add = "VekmsgElement_::addSubelements(SP_VekmsgElement_)";
     call(p_add, "succeeds", m_tree.addSubelements(m_sp_number));
     call(p_add, "null", !m_tree.addSubelements(SP_VekmsgElement_()), {kNullSubelement});
-    call(p_add, "no memory", withoutMemory([&] { return !m_tree.addSubelements(m_sp_text); }));
+    call(p_add, "no memory", withoutMemory([&] { return !m_number.addSubelements(m_sp_text); }));
     m_number.setTag(VEKMSGTAG_ANY);
     call(p_add, "any tag", !m_tree.addSubelements(m_sp_number), {kAnySubelement});
 }

@@ -475,7 +475,7 @@ INSTANTIATE_TEST_SUITE_P(
                         s.m_sp_root->endQuerySubelements();
                     }},
         OfMessages_{"addSubelements", true,
-                    [](Messages_& s) { s.m_sp_root->addSubelements(s.m_sp_element); }},
+                    [](Messages_& s) { s.m_sp_element->addSubelements(s.m_sp_root); }},
         OfMessages_{"getSubElementValueOfAUint", true,
                     [](Messages_& s) { s.m_sp_root->getSubElementValue(3, s.m_number); }},
         OfMessages_{"getSubElementValueOfABool", true,
@@ -701,7 +701,7 @@ INSTANTIATE_TEST_SUITE_P(
             "find_first_matching_subelement", true,
             [](Handles_& s) { s.m_p_result = vekmsg_element_find_first_matching_subelement(s.m_p_root, 9); }},
         OfHandles_{"add_subelements", true,
-                   [](Handles_& s) { vekmsg_element_add_subelements(s.m_p_root, s.m_p_element); }}),
+                   [](Handles_& s) { vekmsg_element_add_subelements(s.m_p_element, s.m_p_root); }}),
     entryName<OfHandles_>);
 
 }  // namespace

@@ -237,14 +237,55 @@ TEST(FreeListAllocator, withoutMemoryItThrowsAsContainersExpect) {
     });
 }
 
-TEST(FreeListAllocator, arraysComeFromTheHeap) {
+TEST(FreeListAllocator, arraysOfEightToOneHundredAndTwentyEightAreTakenAgain) {
     inFreshThread([] {
         libcpp::FreeListAllocator_<int> allocator;
-        int* p_numbers = nullptr;
+        for (const std::size_t count : {8U, 16U, 32U, 64U, 128U}) {
+            allocator.deallocate(allocator.allocate(count), count);
 
-        EXPECT_EQ(allocationsOf([&] { p_numbers = allocator.allocate(5); }), 1U);
+            const unsigned long allocations =
+                allocationsOf([&] { allocator.deallocate(allocator.allocate(count), count); });
 
-        EXPECT_EQ(releasesOf([&] { allocator.deallocate(p_numbers, 5); }), 1U);
+            EXPECT_EQ(allocations, g_isOn ? 0U : 1U) << count;
+        }
+    });
+}
+
+TEST(FreeListAllocator, thirtyTwoArraysOfEachSizeAreKept) {
+    inFreshThread([] {
+        libcpp::FreeListAllocator_<int> allocator;
+        std::vector<int*> arrays;
+        for (unsigned int i = 0; i < 33; ++i) arrays.push_back(allocator.allocate(16));
+
+        const unsigned long releases = releasesOf([&] {
+            for (int* p_array : arrays) allocator.deallocate(p_array, 16);
+        });
+
+        EXPECT_EQ(releases, g_isOn ? 1U : 33U);
+    });
+}
+
+TEST(FreeListAllocator, arraysOfOtherSizesComeFromTheHeap) {
+    inFreshThread([] {
+        libcpp::FreeListAllocator_<int> allocator;
+        for (const std::size_t count : {2U, 5U, 12U, 129U, 256U}) {
+            int* p_numbers = nullptr;
+
+            EXPECT_EQ(allocationsOf([&] { p_numbers = allocator.allocate(count); }), 1U) << count;
+
+            EXPECT_EQ(releasesOf([&] { allocator.deallocate(p_numbers, count); }), 1U) << count;
+        }
+    });
+}
+
+TEST(FreeListAllocator, anArrayWithoutMemoryThrows) {
+    inFreshThread([] {
+        libcpp::FreeListAllocator_<int> allocator;
+        for (const std::size_t count : {8U, 129U}) {
+            const AllocationFailure_ failure(1);
+            EXPECT_THROW(allocator.allocate(count), std::bad_alloc) << count;
+        }
+        EXPECT_THROW(allocator.allocate(static_cast<std::size_t>(-1) / 2), std::bad_alloc);
     });
 }
 

@@ -130,7 +130,7 @@ const Record_ kCantCreate =
 #ifdef __clang__  // spells out where a nested type belongs
 const char* const kDeserializeSubElements =
     "bool VekmsgElementBinary_::deserialize(const VekmsgElementBinary_::Item_&, "
-    "VekmsgElementBinary_::SubElements_&)";
+    "SubElements_&)";
 #else
 const char* const kDeserializeSubElements =
     "bool VekmsgElementBinary_::deserialize(const Item_&, SubElements_&)";
