@@ -45,7 +45,8 @@ Utf8String_ takeRoom(std::size_t length) noexcept {
 
 void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
     if (length <= text.capacity()) {
-        text.assign(p_bytes, length);
+        // The text of a new message is empty, and what is appended cannot overlap: that is found out faster.
+        text.empty() ? text.append(p_bytes, length) : text.assign(p_bytes, length);
         return;
     }
     Utf8String_ room = takeRoom(length);
@@ -54,9 +55,8 @@ void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length)
     keepRoomOf(room);
 }
 
-void keepRoomOf(Utf8String_& text) noexcept {
-    static const std::size_t s_ownRoom = Utf8String_().capacity();
-    if (text.capacity() <= s_ownRoom || text.capacity() > kLongestKept) return;
+void keepRoom(Utf8String_& text) noexcept {
+    if (text.capacity() > kLongestKept) return;
     Rooms_* p_kept = rooms(true);
     if (p_kept == nullptr || p_kept->m_count == kMostKept) return;
     p_kept->m_texts[p_kept->m_count++].swap(text);

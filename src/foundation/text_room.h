@@ -13,7 +13,13 @@
 /// little. Throws, with `text` as it was, when memory is short. The bytes may lie in `text`.
 void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length);
 
-/// Takes the room of a text that is about to go. Room of its own size, or very much, is not worth keeping.
-void keepRoomOf(Utf8String_& text) noexcept;
+/// What keepRoomOf does with room that is not inside the string.
+void keepRoom(Utf8String_& text) noexcept;
+
+/// Takes the room of a text that is about to go, if it is more than lies inside a string and not very much.
+inline void keepRoomOf(Utf8String_& text) noexcept {
+    constexpr std::size_t kInside = 15;
+    if (text.capacity() > kInside) keepRoom(text);
+}
 
 #endif
