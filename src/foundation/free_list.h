@@ -15,6 +15,10 @@
 
 namespace libcpp {
 
+/// What the lists do when they are empty: out of line, apart from the paths that are taken all the time. Null
+/// when memory is short.
+void* takeFromHeap(std::size_t size) noexcept;
+
 /// Memory blocks of one size that this thread has used and will soon use again, so that the steady exchange
 /// of messages asks nothing of the heap. At most `MaxHeld` blocks wait per thread; they go back to the heap
 /// when the thread ends, and blocks released after that go there directly. A block may be released by any
@@ -25,7 +29,7 @@ public:
     /// At least BlockSize bytes, aligned for any object; null when memory is short.
     static void* take() noexcept {
         Chain_& chain = t_chain;
-        if (chain.m_p_first == nullptr) return ::operator new(kSize, std::nothrow);
+        if (chain.m_p_first == nullptr) return takeFromHeap(kSize);
         Link_* p_link = chain.m_p_first;
         chain.m_p_first = p_link->m_p_next;
         --chain.m_held;
@@ -128,7 +132,7 @@ private:
             return takeArray<2 * Count>(count);
         } else {
             const bool isTooMany = count > static_cast<std::size_t>(-1) / sizeof(T);
-            return isTooMany ? nullptr : ::operator new(count * sizeof(T), std::nothrow);
+            return isTooMany ? nullptr : takeFromHeap(count * sizeof(T));
         }
     }
 
@@ -149,7 +153,7 @@ private:
 template <class T, unsigned int MaxHeld>
 struct FromFreeList_ {
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-        return size == sizeof(T) ? FreeList_<sizeof(T), MaxHeld>::take() : ::operator new(size, std::nothrow);
+        return size == sizeof(T) ? FreeList_<sizeof(T), MaxHeld>::take() : takeFromHeap(size);
     }
     static void* operator new(std::size_t size) {
         void* p_memory = operator new(size, std::nothrow);

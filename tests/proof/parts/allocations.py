@@ -4,6 +4,7 @@ tests/proof/allocations holds the program: scenarios, a heap that fails by plan 
 allocation comes from, and a runner that looks at what is left behind. Beside what the program counts, the calls of
 `operator new` that stand in the library's code are compared with those that the scenarios came through."""
 
+import collections
 import re
 import subprocess
 
@@ -19,19 +20,10 @@ OTHER_ALLOCATORS = re.compile(r"_Zn[wa][mj].*align_val_t|"
 
 # Calls that no scenario can reach, by part of the function's name: how many there may be in such a function, and why.
 UNREACHED = {
-    "Drain_::~Drain_": (1, "it takes from its list only while that holds something"),
-    "_M_insert_equal_lower": (1, "a hint at the end of a set always finds the place"),
-    "::deserialize(VekmsgElementBinary_::Item_": (1, "a hint at the end of a set always finds the place"),
-    "VekmsgElementBinary_::addSubelements": (1, "a hint at the end of a set always finds the place"),
-    "VekmsgConnection_::putBackReceived": (1, "the place that was just given up waits on the thread's list"),
-    "VekmsgTerminalImpl_::keepFirst": (1, "the place that was just given up waits on the thread's list"),
-    "receiveMessage(VekmsgTerminalImpl_::Dispatching_": (
-        1, "the place in the queue that the message came from waits on the thread's list"),
     "VekmsgTerminal_::receiveRawPayload": (2, "a text just made has no more room than its own"),
-    "BasicBuffer_::operator new": (1, "the memory of a derived class comes straight from the application's own"),
 }
 
-CALL = re.compile(r"^\s*[0-9a-f]+:\s+(?:bnd )?(call|jmp)\s+[0-9a-f]+ <(\w+)@plt>")
+CALL = re.compile(r"^\s*[0-9a-f]+:\s+(?:bnd )?(call|jmp)\s+[0-9a-f]+ <(\w+)(@plt)?>")
 FUNCTION = re.compile(r"^[0-9a-f]+ <(.+)>:$")
 
 
@@ -58,10 +50,11 @@ def compare_calls(builds, bits):
     result = Result(findings=[f"asks for memory in a way that never fails here: {name} ({bits} bit)"
                               for name in others])
     result.figures.append(Figure("calls of operator new in the library reached",
-                                 sum(address in seen for address, _ in calls), of=len(calls), bits=bits))
+                                 sum(not seen.isdisjoint(returns) for _, returns, _ in calls), of=len(calls),
+                                 bits=bits))
     unreached, unreachable = {}, 0
-    for address, function in calls:
-        if address not in seen:
+    for address, returns, function in calls:
+        if seen.isdisjoint(returns):
             unreached.setdefault(function, []).append(address)
     for function, addresses in unreached.items():
         part = part_of(function)
@@ -78,23 +71,30 @@ def compare_calls(builds, bits):
 
 
 def static_calls(library):
-    """The calls as (return address, function), and other functions called that ask for memory."""
+    """The calls as (address, where they return to, function), and other functions called that ask for memory. A function
+    that ends with such a call by a jump returns to where it was called from itself."""
     listing = subprocess.run(["objdump", "-d", "-C", "--no-show-raw-insn", str(library)], capture_output=True,
                              text=True, check=True).stdout
     mangled = subprocess.run(["objdump", "-d", "--no-show-raw-insn", str(library)], capture_output=True, text=True,
                              check=True).stdout
-    calls, others, function, is_behind_call = [], set(), "", False
+    calls, jumps, returns, others = [], [], collections.defaultdict(set), set()
+    function, symbol, called = "", "", ""
     for line, shown in zip(mangled.splitlines(), listing.splitlines()):
         if FUNCTION.match(line):
-            function = FUNCTION.match(shown).group(1)
+            function, symbol = FUNCTION.match(shown).group(1), FUNCTION.match(line).group(1)
         address = re.match(r"^\s*([0-9a-f]+):", line)
-        if is_behind_call and address:
-            calls.append((int(address.group(1), 16), function))
+        if called and address:
+            behind = int(address.group(1), 16)
+            returns[called].add(behind)
+            if ALLOCATORS.match(called):
+                calls.append((behind, {behind}, function))
         call = CALL.match(line)
-        is_behind_call = bool(call and call.group(1) == "call" and ALLOCATORS.match(call.group(2)))
-        if call and (OTHER_ALLOCATORS.match(call.group(2)) or
-                     (call.group(1) == "jmp" and ALLOCATORS.match(call.group(2)) and part_of(function) is None)):
+        called = call.group(2) if call and call.group(1) == "call" else ""
+        if call and OTHER_ALLOCATORS.match(call.group(2)):
             others.add(f"{call.group(2)} in {shortened(function)}")
+        elif call and call.group(1) == "jmp" and ALLOCATORS.match(call.group(2)):
+            jumps.append((int(address.group(1), 16), symbol, function))
+    calls += [(place, returns[symbol], function) for place, symbol, function in jumps]
     return calls, sorted(others)
 
 
