@@ -273,7 +273,7 @@ bool FailingHeap_::mustFail(AllocationKind_ kind) noexcept {
     if (site == FailurePlan_::kNoSite) return false;
     ++m_allocations;
     m_sites[site].m_isSeenUnfailed = m_sites[site].m_isSeenUnfailed || m_plan.m_mode == FailureMode_::None;
-    if (!isPlanned(kind) && site != m_plan.m_aim) return false;
+    if (!isPlanned(kind) && !m_plan.isAimedAt(site)) return false;
     ++m_failures;
     ++m_sites[site].m_failures;
     if (isAccepting && m_abandoned.size() < kMostAbandoned) m_abandoned.push_back(m_lastAccepted);

@@ -1,6 +1,7 @@
 #ifndef VEKMSG_TESTS_PROOF_FAILING_HEAP_H
 #define VEKMSG_TESTS_PROOF_FAILING_HEAP_H
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string>
@@ -13,13 +14,24 @@
 enum class FailureMode_ { None, One, AllAfter, NonThrowing, Throwing, EveryOther };
 
 /// One point: in which mode, and with which allocation, failing begins; 1 is the first that the library
-/// makes. `m_aim` names a site at which all allocations fail in addition, or is kNoSite.
+/// makes. `m_aims` are sites at which all allocations fail in addition.
 struct FailurePlan_ {
     static constexpr int kNoSite = -1;
+    static constexpr unsigned int kMostAims = 3;
+
+    bool isAimed() const noexcept { return m_aims[0] != kNoSite; }
+    bool isAimedAt(int site) const noexcept {
+        return std::find(m_aims.begin(), m_aims.end(), site) != m_aims.end();
+    }
+    /// The first aim goes when there are too many.
+    void addAim(int site) noexcept {
+        std::rotate(m_aims.begin(), m_aims.end() - 1, m_aims.end());
+        m_aims[0] = site;
+    }
 
     FailureMode_ m_mode = FailureMode_::None;
     unsigned int m_number = 0;
-    int m_aim = kNoSite;
+    std::array<int, kMostAims> m_aims{kNoSite, kNoSite, kNoSite};
 };
 
 /// A place in the library that asks for memory, itself or by way of the libraries beneath it: the innermost

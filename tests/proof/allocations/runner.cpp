@@ -93,7 +93,7 @@ std::string Runner_::label(const Variant_& variant, const FailurePlan_& plan) co
     std::string text = m_scenarios[variant.m_scenario].m_name + (variant.m_isWarm ? " [warm, " : " [");
     text += nameOf(plan.m_mode);
     if (plan.m_mode != FailureMode_::None) text += ", " + std::to_string(plan.m_number);
-    if (plan.m_aim != FailurePlan_::kNoSite) text += ", aimed";
+    if (plan.isAimed()) text += ", aimed";
     return text + "]";
 }
 
@@ -220,7 +220,7 @@ void Runner_::proveAll(unsigned int stride) {
     aimAtWhatNeverFailed();
 }
 
-/// Some sites are reached only after another allocation has failed, and then were not the ones to fail: the
+/// Some sites are reached only after other allocations have failed, and then were not the ones to fail: the
 /// run that saw such a site first is made again with that site failing too.
 void Runner_::aimAtWhatNeverFailed() {
     for (unsigned int round = 0; round < kMostAimedRounds; ++round) {
@@ -229,7 +229,7 @@ void Runner_::aimAtWhatNeverFailed() {
             const AllocationSite_ site = m_heap.sites()[i];
             if (site.m_failures != 0) continue;
             FailurePlan_ plan = site.m_plan;
-            plan.m_aim = static_cast<int>(i);
+            plan.addAim(static_cast<int>(i));
             if (run({site.m_scenario, site.m_isWarm}, plan).m_failures != 0) ++m_aimedPoints;
             isDone = false;
         }
@@ -258,7 +258,9 @@ void Runner_::reportFigures() {
         m_report.addFinding("a function is noted for a thread's end while memory is gone, " +
                             std::to_string(m_heap.fatalThreadEnds()) + " times");
     for (const AllocationSite_& site : sites)
-        if (site.m_failures == 0) m_report.addFinding("never failed: " + m_heap.describe(site));
+        if (site.m_failures == 0)
+            m_report.addFinding("never failed: " + m_heap.describe(site) + ", seen in " +
+                                label({site.m_scenario, site.m_isWarm}, site.m_plan));
     for (const auto& [variant, length] : m_lengths)
         if (length == 0 && !variant.m_isWarm)
             m_report.addFinding(m_scenarios[variant.m_scenario].m_name + ": makes no allocation");
