@@ -31,5 +31,12 @@ def carry_out(run, preset, jobs, only=None, limit=3600):
     if not results.exists():
         raise builds.Failed(f"the tests of {preset} left no results")
     cases = xml.etree.ElementTree.parse(results).getroot().iter("testcase")
-    return [Outcome(plain_name(case.get("name")), case.get("status") == "run", case.findtext("system-out", ""))
+    return [Outcome(plain_name(case.get("name")), case.get("status") == "run",
+                    ended(case) + case.findtext("system-out", ""))
             for case in cases]
+
+
+def ended(case):
+    """How a failing test ended: a signal or the time limit shows nowhere else."""
+    failure = case.find("failure")
+    return f"{failure.get('message')} after {case.get('time')} s\n" if failure is not None else ""
