@@ -118,9 +118,12 @@ struct FreeListAllocator_ {
     }
 
 private:
-    using Nodes_ = FreeList_<sizeof(T), 256>;
+    // Of a pointer, its own size is meant.  NOLINTNEXTLINE(bugprone-sizeof-expression)
+    static constexpr std::size_t kEach = sizeof(T);
+
+    using Nodes_ = FreeList_<kEach, 256>;
     template <std::size_t Count>
-    using Arrays_ = FreeList_<Count * sizeof(T), 32>;
+    using Arrays_ = FreeList_<Count * kEach, 32>;
 
     static constexpr std::size_t kLargestArray = 128;
 
@@ -131,8 +134,8 @@ private:
         if constexpr (Count < kLargestArray) {
             return takeArray<2 * Count>(count);
         } else {
-            const bool isTooMany = count > static_cast<std::size_t>(-1) / sizeof(T);
-            return isTooMany ? nullptr : takeFromHeap(count * sizeof(T));
+            const bool isTooMany = count > static_cast<std::size_t>(-1) / kEach;
+            return isTooMany ? nullptr : takeFromHeap(count * kEach);
         }
     }
 

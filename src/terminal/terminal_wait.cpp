@@ -52,8 +52,9 @@ public:
     /// What the poll has returned for the entries of `process`.
     void noteQuietSockets(const pollfd* p_entries, const pollfd* p_end) const {
         beginQuietSpell();
+        const pollfd* p_next = p_entries;
         forEach([&](const VekmsgTerminalImpl_& terminal) {
-            p_entries = terminal.noteQuietSockets(p_entries, static_cast<unsigned int>(p_end - p_entries));
+            p_next = terminal.noteQuietSockets(p_next, static_cast<unsigned int>(p_end - p_next));
             return true;
         });
     }

@@ -244,9 +244,9 @@ void findCode(const char* p_name, const char* (&range)[2]) {
 
 const char* SystemCalls_::name(Call_ call) {
     static const char* const s_names[] = {
-        "socket",      "fcntl",         "setsockopt", "getsockopt", "bind",  "listen", "accept", "connect",
-        "getsockname", "getpeername",   "send",       "recv",       "close", "access", "unlink", "chmod",
-        "poll",        "look",          "clock_gettime", "write", "read",  "fopen",  "fclose"};
+        "socket",      "fcntl",       "setsockopt",    "getsockopt", "bind",  "listen", "accept", "connect",
+        "getsockname", "getpeername", "send",          "recv",       "close", "access", "unlink", "chmod",
+        "poll",        "look",        "clock_gettime", "write",      "read",  "fopen",  "fclose"};
     static_assert(sizeof(s_names) / sizeof(s_names[0]) == NumberOfCalls, "each call has a name");
     return s_names[call];
 }
