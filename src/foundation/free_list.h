@@ -17,7 +17,7 @@ namespace libcpp {
 
 /// What the lists do when they are empty: out of line, apart from the paths that are taken all the time. Null
 /// when memory is short.
-[[gnu::noinline]] void* takeFromHeap(std::size_t size) noexcept;
+void* takeFromHeap(std::size_t size) noexcept;
 
 /// Memory blocks of one size that this thread has used and will soon use again, so that the steady exchange
 /// of messages asks nothing of the heap. At most `MaxHeld` blocks wait per thread; they go back to the heap

@@ -13,8 +13,8 @@ import sys
 
 OPTION = "-fstack-protector-strong"
 
-# Each array on the stack, as its source declares it, and the functions of the finished library in which it ends up. The
-# library is optimised as a whole: where a caller may take a function in, that caller stands behind "or in".
+# Each array on the stack, as its source declares it, and the functions of the finished library in which it ends up. Where
+# a compiler may take a function into its caller, that caller stands behind "or in".
 ACCEPTING = ("VekSocket_::accepted( or in VekSocket_::accept( or in "
              "VekmsgTerminalImpl_::processPollEvents(VekmsgTerminalImpl_::Accepting_")
 ARRAYS = {
