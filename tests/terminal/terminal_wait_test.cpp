@@ -377,6 +377,21 @@ TEST_F(TerminalWait, dataThatComesDuringThePollIsTheResult) {
     EXPECT_EQ(calls.count(SystemCalls_::Poll), 1U);
 }
 
+TEST_F(TerminalWait, terminalsBehindTheOneWhoseDataCameDuringThePollAreServedToo) {
+    const Terminal_ anna = openLocal("anna");
+    const Terminal_ cora = openLocal("cora");
+    RawPeer_ bert = peer("anna", m_bertsMessage);
+    RawPeer_ emil = peer("cora", nameBlock("emil"));
+    SystemCalls_ calls;
+    calls.fail(SystemCalls_::Accept, EAGAIN, 0, 2);  // the look before the poll finds nobody
+
+    EXPECT_EQ(pollFd(60000, {anna.get(), cora.get()}), VekmsgTerminal_::POLL_MESSAGE);
+
+    EXPECT_EQ(calls.count(SystemCalls_::Poll), 1U);
+    EXPECT_TRUE(anna->isConnected(utf8("bert")));
+    EXPECT_TRUE(cora->isConnected(utf8("emil")));
+}
+
 TEST_F(TerminalWait, readyCallersDescriptorsComeBeforeDataThatCameDuringThePoll) {
     const Terminal_ anna = openLocal("anna");
     RawPeer_ bert = peer("anna", m_bertsMessage);
