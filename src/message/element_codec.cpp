@@ -16,6 +16,14 @@ unsigned int lowUint(const unsigned char* p_bytes, unsigned int length) {
     return value;
 }
 
+/// Whether the bytes begin with an element of which nothing is missing.
+bool isWhole(const unsigned char* p_bytes, unsigned int length) {
+    if (length < kElementHeaderSize) return false;
+    const ElementHeader_ header = loadElementHeader(p_bytes);
+    return header.m_outerLength <= length - kTtlvHeaderSize &&
+           header.m_length + kTtlvHeaderSize <= header.m_outerLength;
+}
+
 }  // namespace
 
 unsigned int VekmsgElementBinary_::valueSize() const {
@@ -55,33 +63,34 @@ unsigned int VekmsgElementBinary_::serialize(unsigned char* p_endOfFreespace,
 /// The value behind both its headers, or 0 when there is no room for all of that.
 unsigned int VekmsgElementBinary_::serializeValue(unsigned char* p_endOfFreespace,
                                                   unsigned int freespaceSize) const {
-    const unsigned int length = valueSize();
-    const unsigned int size = 2 * kTtlvHeaderSize + length;
+    const bool isUint = m_type == VEKMSG_UINT;
+    const unsigned int length = isUint ? kUintSize : m_valueLength;
+    const unsigned int size = kElementHeaderSize + length;
     if (freespaceSize < size) return 0;
-    unsigned char* p_outer = p_endOfFreespace - size;
-    storeTtlvHeader(p_outer, m_tag, VEKMSG_UNDEFINED, size - kTtlvHeaderSize);
-    unsigned char* p_content = p_outer + kTtlvHeaderSize;
-    storeTtlvHeader(p_content, VEKMSGTAG_ELEMENT_CONTENT, m_type, length);
-    if (m_type == VEKMSG_UINT) {
-        std::memcpy(p_content + kTtlvHeaderSize, m_value, kUintSize);  // a known size is copied in place
+    unsigned char* p_start = p_endOfFreespace - size;
+    storeElementHeader(p_start, m_tag, m_type, length);
+    if (isUint) {
+        std::memcpy(p_start + kElementHeaderSize, m_value, kUintSize);  // a known size is copied in place
     } else {
-        std::memcpy(p_content + kTtlvHeaderSize, m_value, length);
+        std::memcpy(p_start + kElementHeaderSize, m_value, length);
     }
     return size;
 }
 
 unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFreespace,
                                                         unsigned int freespaceSize) const {
-    unsigned int total = 0;
+    unsigned char* p_end = p_endOfFreespace;
     for (SubElements_::Position_ next = m_subElements.size(); next-- != 0;) {
         const VekmsgElementBinary_* p_child = m_subElements[next];
         if (p_child == nullptr) return 0;  // an element of a foreign class was added
-        const unsigned int written = p_child->serialize(p_endOfFreespace - total, freespaceSize - total);
+        const unsigned int written = p_child->serialize(p_end, freespaceSize);
         if (written == 0) return 0;
-        total += written;
+        p_end -= written;
+        freespaceSize -= written;
     }
+    const auto total = static_cast<unsigned int>(p_endOfFreespace - p_end);
     const unsigned int header = VekMessageBinary_::serializeTtlvHeader(
-        p_endOfFreespace - total, freespaceSize - total, VEKMSGTAG_ELEMENT_CONTENT, VEKMSG_COMPLEX, total);
+        p_end, freespaceSize, VEKMSGTAG_ELEMENT_CONTENT, VEKMSG_COMPLEX, total);
     return header != 0 ? total + header : 0;
 }
 
@@ -109,27 +118,32 @@ unsigned int VekmsgElementBinary_::deserialize(const unsigned char* p_bytestream
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::deserialize() null p_bytestream");
         return 0;
     }
-    Item_ item;
-    const unsigned int headerSize = VekMessageBinary_::deserializeTtlvHeader(
-        p_bytestream, bytestreamLength, item.m_tag, item.m_type, item.m_length);
-    if (headerSize == 0) return 0;
-    setTag(item.m_tag);
-    if (item.m_length > bytestreamLength - headerSize) {
-        VEKMSG_LOG_ERROR(
-            "VekmsgElementBinary_::deserialize() tag %u length %u is larger than allowed length %u", m_tag,
-            item.m_length, bytestreamLength - headerSize);
-        return 0;
+    if (!isWhole(p_bytestream, bytestreamLength)) {
+        Item_ item;
+        // What is missing, or that it is the content item, the codec of one item finds and says.
+        const unsigned int headerSize = VekMessageBinary_::deserializeTtlvHeader(
+            p_bytestream, bytestreamLength, item.m_tag, item.m_type, item.m_length);
+        if (headerSize == 0) return 0;
+        setTag(item.m_tag);
+        if (item.m_length > bytestreamLength - headerSize) {
+            VEKMSG_LOG_ERROR(
+                "VekmsgElementBinary_::deserialize() tag %u length %u is larger than allowed length %u",
+                m_tag, item.m_length, bytestreamLength - headerSize);
+            return 0;
+        }
+        return VekMessageBinary_::deserializeTtlv(p_bytestream + headerSize, item.m_length, item.m_tag,
+                                                  item.m_type, item.m_length, item.m_p_value);
     }
-    const unsigned int contentSize = VekMessageBinary_::deserializeTtlv(
-        p_bytestream + headerSize, item.m_length, item.m_tag, item.m_type, item.m_length, item.m_p_value);
-    if (contentSize == 0) return 0;
-    m_type = item.m_type;
-    if (!deserialize(item)) {
+    const ElementHeader_ header = loadElementHeader(p_bytestream);
+    setTag(header.m_tag);
+    m_type = header.m_type;
+    if (!deserialize(
+            {header.m_contentTag, header.m_type, header.m_length, p_bytestream + kElementHeaderSize})) {
         fillRefusedValue();
         return 0;
     }
     // Not the outer length: what it announces beyond the content item is read as the next sibling.
-    return headerSize + contentSize;
+    return kElementHeaderSize + header.m_length;
 }
 VEKMSG_RETURN_ON_EXCEPTION(0)
 

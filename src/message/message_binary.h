@@ -88,6 +88,7 @@ public:
 private:
     /// The payload, or null when it is of a foreign class.
     const VekmsgElementBinary_* binaryPayload() const;
+    unsigned int headerSize() const;
     unsigned int payloadSize() const;
 
     bool canReuseRawPayload(unsigned int size) const;

@@ -7,6 +7,7 @@
 #include "foundation/log_record.h"
 #include "foundation/text_room.h"
 #include "message/message_binary.h"
+#include "message/ttlv_header.h"
 
 namespace {
 
@@ -60,31 +61,26 @@ private:
     const unsigned char* m_p_value = nullptr;
 };
 
-/// Puts items in front of one another into the header room of a buffer, which has to be enough.
+/// Writes items one behind another into room that has to be enough.
 class ItemWriter_ {
 public:
-    explicit ItemWriter_(BasicBuffer_& buffer) : m_buffer(buffer) {}
+    explicit ItemWriter_(unsigned char* p_room) : m_p_next(p_room) {}
 
-    void prepend(VekmsgTag_ tag, VekmsgDataType_ type, unsigned int length, const unsigned char* p_value) {
-        m_written += VekMessageBinary_::serializeTtlv(
-            m_buffer.data() - m_written, m_buffer.headerRoom() - m_written, tag, type, length, p_value);
+    void append(VekmsgTag_ tag, const Utf8String_& text) {
+        const unsigned int length = textSize(text);
+        storeTtlvHeader(m_p_next, tag, VEKMSG_STRING, length);
+        std::memcpy(m_p_next + kTtlvHeaderSize, text.c_str(), length);
+        m_p_next += kTtlvHeaderSize + length;
     }
 
-    void prepend(VekmsgTag_ tag, const Utf8String_& text) {
-        prepend(tag, VEKMSG_STRING, textSize(text), text.c_str());
+    void append(VekmsgTag_ tag, unsigned int number) {
+        storeTtlvHeader(m_p_next, tag, VEKMSG_UINT, kTimeToLiveSize);
+        store32(m_p_next + kTtlvHeaderSize, number);
+        m_p_next += kTtlvHeaderSize + kTimeToLiveSize;
     }
-
-    void prepend(VekmsgTag_ tag, unsigned int number) {
-        unsigned char bytes[kTimeToLiveSize];
-        store32(bytes, number);
-        prepend(tag, VEKMSG_UINT, kTimeToLiveSize, bytes);
-    }
-
-    unsigned int written() const { return m_written; }
 
 private:
-    BasicBuffer_& m_buffer;
-    unsigned int m_written = 0;
+    unsigned char* m_p_next;
 };
 
 }  // namespace
@@ -93,9 +89,13 @@ const VekmsgElementBinary_* VekMessageBinary_::binaryPayload() const {
     return libcpp::castTo<const VekmsgElementBinary_>(m_sp_payload.get());
 }
 
+unsigned int VekMessageBinary_::headerSize() const {
+    return 4 * kTtlvHeaderSize + kTimeToLiveSize + textSize(m_destination) + textSize(m_source) +
+           textSize(m_payloadSchema);
+}
+
 unsigned int VekMessageBinary_::getMaxSerializationSize() const {
-    const unsigned int header = 4 * getTtlvHeaderSize() + kTimeToLiveSize + textSize(m_destination) +
-                                textSize(m_source) + textSize(m_payloadSchema);
+    const unsigned int header = headerSize();
     // A sum that wraps would pass for the size of a small message.
     return header + std::min(payloadSize(), ~0U - header);
 }
@@ -200,13 +200,14 @@ unsigned int VekMessageBinary_::serialize(unsigned int size, BasicBuffer_& buffe
 }
 
 unsigned int VekMessageBinary_::prependHeader(BasicBuffer_& buffer) const {
-    ItemWriter_ items(buffer);
-    items.prepend(VEKMSGTAG_SCHEMA_URI, m_payloadSchema);
-    items.prepend(VEKMSGTAG_TIME_TO_LIVE, m_timeToLive);
-    items.prepend(VEKMSGTAG_SOURCE_NAME, m_source);
-    items.prepend(VEKMSGTAG_DESTINATION_NAME, m_destination);
-    buffer.extendDataIntoHeader(static_cast<int>(items.written()));
-    return items.written();
+    const unsigned int size = headerSize();
+    buffer.extendDataIntoHeader(static_cast<int>(size));
+    ItemWriter_ items(buffer.data());
+    items.append(VEKMSGTAG_DESTINATION_NAME, m_destination);
+    items.append(VEKMSGTAG_SOURCE_NAME, m_source);
+    items.append(VEKMSGTAG_TIME_TO_LIVE, m_timeToLive);
+    items.append(VEKMSGTAG_SCHEMA_URI, m_payloadSchema);
+    return size;
 }
 
 unsigned int VekMessageBinary_::deserialize(SP_BasicBuffer_ sp_buffer) try {

@@ -12,23 +12,28 @@ bool isLess(const VekmsgElementBinary_* p_a, const VekmsgElementBinary_* p_b) {
 
 }  // namespace
 
-SubElements_::~SubElements_() {
+void SubElements_::release() {
     for (VekmsgElementBinary_* p_element : m_elements)
         if (p_element != nullptr) p_element->removeRef();
 }
 
 SubElements_::Position_ SubElements_::insert(SP_VekmsgElementBinary_ sp_element) {
-    // From there on the room doubles: all these sizes are on the free lists.
-    if (m_elements.capacity() == 0) m_elements.reserve(Allocator_::kSmallestArray);
-    const Position_ position = positionFor(sp_element.get());
-    m_elements.insert(m_elements.begin() + static_cast<std::ptrdiff_t>(position), sp_element.get());
-    sp_element.detach();
+    if (m_elements.size() == m_elements.capacity()) grow();
+    VekmsgElementBinary_* p_element = sp_element.detach();
+    if (!m_elements.empty() && isLess(p_element, m_elements.back())) return insertInside(p_element);
+    m_elements.push_back(p_element);
+    return m_elements.size() - 1;
+}
+
+SubElements_::Position_ SubElements_::insertInside(VekmsgElementBinary_* p_element) {
+    const Position_ position = upperBound(p_element);
+    m_elements.insert(m_elements.begin() + static_cast<std::ptrdiff_t>(position), p_element);
     return position;
 }
 
-SubElements_::Position_ SubElements_::positionFor(const VekmsgElementBinary_* p_element) const {
-    if (m_elements.empty() || !isLess(p_element, m_elements.back())) return m_elements.size();
-    return upperBound(p_element);
+// All these sizes are on the free lists.
+void SubElements_::grow() {
+    m_elements.reserve(std::max(2 * m_elements.size(), Allocator_::kSmallestArray));
 }
 
 SubElements_::Position_ SubElements_::lowerBound(const VekmsgElementBinary_* p_probe) const {

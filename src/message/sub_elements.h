@@ -21,7 +21,9 @@ public:
     SubElements_() = default;
     SubElements_(const SubElements_&) = delete;
     SubElements_& operator=(const SubElements_&) = delete;
-    ~SubElements_();
+    ~SubElements_() {
+        if (!m_elements.empty()) release();
+    }
 
     /// Returns where the element stands now: those from there on have moved by one. Throws, with nothing
     /// changed, when memory is short.
@@ -41,7 +43,10 @@ public:
 private:
     using Allocator_ = libcpp::FreeListAllocator_<VekmsgElementBinary_*>;
 
-    Position_ positionFor(const VekmsgElementBinary_* p_element) const;
+    // Out of line, apart from what most elements are: a value, or the next in the order of tags.
+    [[gnu::noinline]] void release();
+    [[gnu::noinline]] void grow();
+    [[gnu::noinline]] Position_ insertInside(VekmsgElementBinary_* p_element);
 
     // Each with a reference; plain pointers move as bytes.
     std::vector<VekmsgElementBinary_*, Allocator_> m_elements;

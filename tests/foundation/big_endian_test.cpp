@@ -17,6 +17,15 @@ TEST(BigEndian, theMostSignificantByteComesFirst) {
     EXPECT_EQ(load32(bytes.data() + 2), 0xBA987654U);
 }
 
+TEST(BigEndian, eightBytesMakeANumberToo) {
+    Bytes_ bytes(9, 0xEE);
+
+    store64(bytes.data() + 1, 0xFEDCBA9876543210);
+
+    EXPECT_EQ(bytes, (Bytes_{0xEE, 0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32, 0x10}));
+    EXPECT_EQ(load64(bytes.data() + 1), 0xFEDCBA9876543210U);
+}
+
 TEST(BigEndian, onlyTheLowSixteenBitsAreStored) {
     Bytes_ bytes(3, 0xEE);
 

@@ -21,8 +21,6 @@ ARRAYS = {
     "foundation/log_record.cpp: char line[24]": "(anonymous namespace)::writeToStandardError(",
     "foundation/log_record.cpp: Line_ record": "(anonymous namespace)::writeToStandardError(",
     "foundation/text_output.cpp: char digits[10]": "writeUnformatted(std::ostream&, unsigned int)",
-    "message/message_codec.cpp: unsigned char bytes[kTimeToLiveSize]": 
-        "VekMessageBinary_::prependHeader( or in VekmsgTerminalImpl_::sendMessage(libcpp::SmartPointer_<VekMessage_",
     "terminal/terminal_poll.cpp: pollfd entries[kPollFdEntries]": "VekmsgTerminalImpl_::lookForQuietSockets(",
     "terminal/terminal_wait.cpp: pollfd entries[kWaitPollEntries]": "VekmsgTerminalImpl_::waitForMessage(",
     "terminal/terminal_wait.cpp: pollfd entries[kPollFdEntries]": "VekmsgTerminalImpl_::pollFd(",
