@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "foundation/thread_access.h"
 #include "foundation/thread_end.h"
 
 // Off for builds that watch memory (sanitizers, failing allocations): there every object must come from the
@@ -17,7 +18,7 @@ namespace libcpp {
 
 /// What the lists do when they are empty: out of line, apart from the paths that are taken all the time. Null
 /// when memory is short.
-void* takeFromHeap(std::size_t size) noexcept;
+[[gnu::noinline]] void* takeFromHeap(std::size_t size) noexcept;
 
 /// Memory blocks of one size that this thread has used and will soon use again, so that the steady exchange
 /// of messages asks nothing of the heap. At most `MaxHeld` blocks wait per thread; they go back to the heap
@@ -28,7 +29,7 @@ class FreeList_ {
 public:
     /// At least BlockSize bytes, aligned for any object; null when memory is short.
     static void* take() noexcept {
-        Chain_& chain = t_chain;
+        Chain_& chain = threadChain();
         if (chain.m_p_first == nullptr) return takeFromHeap(kSize);
         Link_* p_link = chain.m_p_first;
         chain.m_p_first = p_link->m_p_next;
@@ -39,14 +40,12 @@ public:
     /// Null is ignored.
     static void give(void* p_block) noexcept {
         if (p_block == nullptr) return;
-        Chain_& chain = t_chain;
-        if (chain.m_phase == Phase_::Unused) armDrain(chain);
+        Chain_& chain = threadChain();
         if (chain.m_phase != Phase_::Open || chain.m_held == kMaxHeld) {
-            ::operator delete(p_block);
-            return;
+            giveFirst(chain, p_block);
+        } else {
+            add(chain, p_block);
         }
-        chain.m_p_first = ::new (p_block) Link_{chain.m_p_first};
-        ++chain.m_held;
     }
 
 private:
@@ -73,14 +72,36 @@ private:
     static constexpr std::size_t kSize = BlockSize < sizeof(Link_) ? sizeof(Link_) : BlockSize;
     static constexpr unsigned int kMaxHeld = VEKMSG_FREE_LISTS ? MaxHeld : 0;
 
+    static void add(Chain_& chain, void* p_block) noexcept {
+        chain.m_p_first = ::new (p_block) Link_{chain.m_p_first};
+        ++chain.m_held;
+    }
+
+    /// To a list that may not be in use yet, or full, or drained. Out of line like `takeFromHeap`.
+    [[gnu::noinline]] static void giveFirst(Chain_& chain, void* p_block) noexcept {
+        if (chain.m_phase == Phase_::Unused) armDrain(chain);
+        if (chain.m_phase == Phase_::Open && chain.m_held < kMaxHeld) {
+            add(chain, p_block);
+        } else {
+            ::operator delete(p_block);
+        }
+    }
+
     static void armDrain(Chain_& chain) noexcept {
         if (kMaxHeld == 0 || !canNoteThreadEnd()) return;  // the list stays unused
-        static thread_local Drain_ t_drain;
-        t_drain.m_p_chain = &chain;
+        threadDrain().m_p_chain = &chain;
         chain.m_phase = Phase_::Open;
     }
 
-    static inline thread_local Chain_ t_chain{nullptr, 0, Phase_::Unused};
+    VEKMSG_THREAD_ACCESS static Chain_& threadChain() noexcept {
+        static thread_local Chain_ t_chain{nullptr, 0, Phase_::Unused};
+        return t_chain;
+    }
+
+    VEKMSG_THREAD_ACCESS static Drain_& threadDrain() noexcept {
+        static thread_local Drain_ t_drain;
+        return t_drain;
+    }
 };
 
 /// Puts what standard containers take on the thread's free lists: single nodes, and arrays of 8, 16, 32, 64

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "foundation/quiet_spell.h"
+#include "foundation/thread_access.h"
 
 int g_logThreshold = kLogWarning;
 
@@ -80,6 +81,13 @@ void writeToStandardError(void*, int severity, const LogSite* p_site, const char
     record.writeTo(STDERR_FILENO);
 }
 
+using FormattedText_ = char[2048];
+
+VEKMSG_THREAD_ACCESS FormattedText_& threadText() {
+    static thread_local FormattedText_ t_text;
+    return t_text;
+}
+
 vekmsg_log_sink g_p_sink = writeToStandardError;
 void* g_p_sinkContext = nullptr;
 
@@ -95,14 +103,14 @@ void vekmsg_log_set_threshold(int severity) {
 }
 
 const char* lfmt(const char* p_format, ...) {
-    static thread_local char t_text[2048];
+    char* const p_text = threadText();
     const int savedErrno = errno;
     va_list arguments;
     va_start(arguments, p_format);
-    if (std::vsnprintf(t_text, sizeof(t_text), p_format, arguments) < 0) t_text[0] = '\0';
+    if (std::vsnprintf(p_text, sizeof(FormattedText_), p_format, arguments) < 0) p_text[0] = '\0';
     va_end(arguments);
     errno = savedErrno;
-    return t_text;
+    return p_text;
 }
 
 void log_dispatch(int severity, const LogSite* p_site, int, const char*, const char* p_text, const char*,

@@ -20,11 +20,15 @@
 /// No number of a spell.
 constexpr std::uint64_t kNoQuietSpell = 0;
 
-/// The number of the spell of this thread, or kNoQuietSpell. No two spells of a process have the same.
+/// The number of the spell of this thread, or kNoQuietSpell.
 std::uint64_t quietSpell();
 
+/// A number for a spell of this thread that may begin, which no other spell of the process has or will have;
+/// kNoQuietSpell where there are no spells.
+std::uint64_t takeQuietSpell();
+
 /// To be called right after the poll.
-void beginQuietSpell();
+void beginQuietSpell(std::uint64_t number);
 
 void endQuietSpell();
 

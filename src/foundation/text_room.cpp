@@ -1,6 +1,7 @@
 #include "foundation/text_room.h"
 
 #include "foundation/free_list.h"
+#include "foundation/thread_access.h"
 #include "foundation/thread_end.h"
 
 namespace {
@@ -17,20 +18,26 @@ struct Rooms_ {
 
 enum class Phase_ : unsigned char { Unused, Open, Over };
 
-// Trivial on purpose: messages may go after the rooms of their thread.
-thread_local Phase_ t_phase = Phase_::Unused;
+VEKMSG_THREAD_ACCESS Phase_& threadPhase() noexcept {
+    // Trivial on purpose: messages may go after the rooms of their thread.
+    static thread_local Phase_ t_phase = Phase_::Unused;
+    return t_phase;
+}
 
 Rooms_::~Rooms_() {
-    t_phase = Phase_::Over;
+    threadPhase() = Phase_::Over;
+}
+
+VEKMSG_THREAD_ACCESS Rooms_& threadRooms() noexcept {
+    static thread_local Rooms_ t_rooms;
+    return t_rooms;
 }
 
 /// Null before the first room of the thread is kept, without memory for keeping any, and at the thread's end.
 Rooms_* rooms(bool isKeeping) noexcept {
-    if (t_phase == Phase_::Unused && isKeeping && kMostKept != 0 && canNoteThreadEnd())
-        t_phase = Phase_::Open;
-    if (t_phase != Phase_::Open) return nullptr;
-    static thread_local Rooms_ t_rooms;
-    return &t_rooms;
+    Phase_& phase = threadPhase();
+    if (phase == Phase_::Unused && isKeeping && kMostKept != 0 && canNoteThreadEnd()) phase = Phase_::Open;
+    return phase == Phase_::Open ? &threadRooms() : nullptr;
 }
 
 /// The latest room, which need not be enough: it then grows and is kept at its new size.

@@ -329,6 +329,8 @@ void VekmsgConnection_::putBackReceived(SP_BasicBuffer_ sp_buffer) try {
 }
 
 bool VekmsgConnection_::sendEncodedMessage(SP_BasicBuffer_ sp_buffer) try {
+    const bool isNext = m_sendQueue.empty() && m_connectionState != STATE_SENDING_NAME && canWrite();
+    if (isNext && takes(sp_buffer)) return true;
     m_sendQueue.push_back(std::move(sp_buffer));
     if (!sendQueuedBuffers()) return false;
     return m_connectionState != STATE_FAILED || reconnectFailedSocket();
@@ -342,20 +344,19 @@ bool VekmsgConnection_::sendQueuedBuffers() {
         if (!sendMyName()) return false;
         if (m_connectionState == STATE_SENDING_NAME) return true;
     }
-    if (m_connectionState == STATE_FAILED || !m_sp_socket || m_sp_socket->isSendDataPending()) return true;
-    while (!m_sendQueue.empty()) {
-        switch (m_sp_socket->send(m_sendQueue.front())) {
-            case VekSocket_::SEND_OK:
-                m_sendQueue.pop_front();
-                break;
-            case VekSocket_::SEND_BUSY:
-                return true;
-            default:
-                m_connectionState = STATE_FAILED;
-                return true;
-        }
-    }
+    if (!canWrite()) return true;
+    while (!m_sendQueue.empty() && takes(m_sendQueue.front())) m_sendQueue.pop_front();
     return true;
+}
+
+bool VekmsgConnection_::canWrite() const {
+    return m_connectionState != STATE_FAILED && m_sp_socket && !m_sp_socket->isSendDataPending();
+}
+
+bool VekmsgConnection_::takes(const SP_BasicBuffer_& sp_buffer) {
+    const VekSocket_::SendResult_ result = m_sp_socket->send(sp_buffer);
+    if (result == VekSocket_::SEND_FAILED) m_connectionState = STATE_FAILED;
+    return result == VekSocket_::SEND_OK;
 }
 
 bool VekmsgConnection_::fillPollFd(pollfd* p_pollFd, pollfd*& p_next) {

@@ -192,6 +192,12 @@ protected:
     /// The next received unit, or null when the socket has none ready. False when the pass is over.
     bool takeUnit(SP_BasicBuffer_& sp_buffer, bool& isLastCheck);
     bool mustNotBeginBlock() const;
+
+    /// Whether a block that is handed to the socket may be written. One that is not taken stays with the
+    /// caller; where that is for good, the connection has failed.
+    bool canWrite() const;
+    bool takes(const SP_BasicBuffer_& sp_buffer);
+
     bool queueReceivedBlock(SP_BasicBuffer_& sp_buffer);
 
     /// Goes on in a buffer that already holds the next unit whole, else asks the socket for what is missing.

@@ -123,10 +123,10 @@ void VekmsgTerminalImpl_::keepReceivedBlocks(VekmsgConnection_& connection) {
     connection.moveReceivedTo(m_keptBlocks.back().m_blocks);
 }
 
-void VekmsgTerminalImpl_::retire(ActiveConnections_::iterator active) {
+ActiveConnections_::iterator VekmsgTerminalImpl_::retire(ActiveConnections_::iterator active) {
     keepReceivedBlocks(**active);
     (*active)->stop();
-    m_activeConnections.erase(active);
+    return m_activeConnections.erase(active);
 }
 
 bool VekmsgTerminalImpl_::setSendFilter(SP_VekmsgFilter_ sp_filter) {

@@ -4,12 +4,13 @@
 #include <poll.h>
 
 #include <list>
-#include <set>
 
 #include "directory/name_directory.h"
 #include "foundation/free_list.h"
 #include "message/message_binary.h"
+#include "terminal/active_connections.h"
 #include "terminal/connection.h"
+#include "terminal/socket_poll.h"
 #include "transport/socket.h"
 #include "vekmsg/filter.h"
 #include "vekmsg/message.h"
@@ -94,8 +95,6 @@ public:
 
 protected:
     using Connections_ = std::list<SP_VekmsgConnection_, libcpp::FreeListAllocator_<SP_VekmsgConnection_>>;
-    using ActiveConnections_ = std::set<SP_VekmsgConnection_, libcpp::IsLess_<SP_VekmsgConnection_>,
-                                        libcpp::FreeListAllocator_<SP_VekmsgConnection_>>;
     using Messages_ = std::list<SP_VekMessage_, libcpp::FreeListAllocator_<SP_VekMessage_>>;
     using AddressNames_ = std::list<SP_StdString_>;
 
@@ -108,8 +107,12 @@ protected:
     template <class Action>
     void forEachSocket(Action action) const;
 
-    /// Whether a pass would do nothing unless a poll over all sockets, in one array of a wait, reported any.
-    bool awaitsOnlyEvents() const;
+    /// Whether a pass would do nothing unless a poll over all sockets reported any. That poll is then
+    /// prepared.
+    bool awaitsOnlyEvents(SocketPoll_& sockets) const;
+
+    /// Prepares the poll of a wait with the entries that fillPollFdArray makes.
+    bool prepare(SocketPoll_& sockets);
 
     bool isOpen() const { return !m_sp_componentName.isNull(); }
 
@@ -129,7 +132,7 @@ protected:
     bool processPollEvents(Accepting_, VekSocket_& listeningSocket);
     void processPollEvents(Resolving_, Connections_::iterator unresolved);
     void processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted);
-    void processPollEvents(Serving_, ActiveConnections_::iterator active, bool& gotData);
+    bool processPollEvents(Serving_, VekmsgConnection_& active, bool& gotData);
 
     // The stages of sending: making a connection, connecting a socket to the first address that takes it, the
     // next usable address of the list, and handing the framed message to the connection.
@@ -172,8 +175,8 @@ protected:
     void putBack(const SP_BasicBuffer_& sp_buffer, const SP_VekmsgConnection_& sp_connection);
     void keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName);
 
-    /// Stops and erases a connection, but not what it has received.
-    void retire(ActiveConnections_::iterator active);
+    /// Stops and erases a connection, but not what it has received. The result is the one behind.
+    ActiveConnections_::iterator retire(ActiveConnections_::iterator active);
 
     // Tests derive a class from this one to set up states that the outside cannot bring about.
     SP_Utf8String_ m_sp_componentName;  // null: not open

@@ -22,12 +22,15 @@ bool VekmsgTerminalImpl_::makePass(bool& gotData) {
     }
     for (auto next = m_unresolvedConnections.begin(); next != m_unresolvedConnections.end();)
         processPollEvents(Resolving_(), next++);
-    for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();) {
-        const auto active = next++;
-        if ((*active)->isAtRest(quietSpell())) {
+    std::uint64_t spell = quietSpell();
+    for (auto active = m_activeConnections.begin(); active != m_activeConnections.end();) {
+        if ((*active)->isAtRest(spell)) {
             gotData = gotData || (*active)->hasReceived();
+            ++active;
         } else {
-            processPollEvents(Serving_(), active, gotData);
+            const bool isOfUse = processPollEvents(Serving_(), **active, gotData);
+            active = isOfUse ? active + 1 : retire(active);
+            spell = quietSpell();
         }
     }
     if (!m_keptBlocks.empty()) gotData = true;
@@ -48,24 +51,31 @@ void VekmsgTerminalImpl_::forEachSocket(Action action) const {
 void VekmsgTerminalImpl_::lookForQuietSockets() const {
     endQuietSpell();
     if (VEKMSG_QUIET_SPELLS == 0 || !isOpen()) return;
-    pollfd entries[kPollFdEntries];
-    unsigned int count = 0;
-    forEachSocket([&](const VekSocket_& socket) {
-        if (count < kPollFdEntries && socket.fillQuietPollFd(entries[count])) ++count;
+    SocketPoll_ sockets;
+    forEachSocket([&](VekSocket_& socket) {
+        if (sockets.room() != 0 && socket.fillQuietPollFd(*sockets.next())) sockets.add(socket);
     });
     // Asking one stream costs no more than the poll; a listening socket with nobody waiting costs ten times
     // that.
-    if (count < 2 && m_listeningSockets.empty()) return;
-    if (poll(entries, count, 0) < 0) return;
-    beginQuietSpell();
-    noteQuietSockets(entries, count);
+    if (sockets.count() >= 2 || !m_listeningSockets.empty()) sockets.poll(0);
+}
+
+bool VekmsgTerminalImpl_::prepare(SocketPoll_& sockets) {
+    sockets.clear();
+    unsigned int count = kWaitPollEntries;
+    if (!fillPollFdArray(sockets.next(), count)) return false;
+    const pollfd* const p_end = sockets.next() + count;
+    forEachSocket([&](VekSocket_& socket) {
+        // Entries come in the order of the sockets, but not every socket has one.
+        if (sockets.next() != p_end && sockets.next()->fd == socket.descriptor()) sockets.add(socket);
+    });
+    return true;
 }
 
 const pollfd* VekmsgTerminalImpl_::noteQuietSockets(const pollfd* p_entries, unsigned int count) const {
     const pollfd* const p_end = p_entries + count;
     const std::uint64_t spell = quietSpell();
     forEachSocket([&](VekSocket_& socket) {
-        // Entries come in the order of the sockets, but not every socket has one.
         if (p_entries == p_end || p_entries->fd != socket.descriptor()) return;
         if (p_entries->revents == 0) socket.noteQuiet(spell);
         ++p_entries;
@@ -138,16 +148,16 @@ void VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, V
     accepted.stop();
 }
 
-void VekmsgTerminalImpl_::processPollEvents(Serving_, ActiveConnections_::iterator active, bool& gotData) {
+bool VekmsgTerminalImpl_::processPollEvents(Serving_, VekmsgConnection_& active, bool& gotData) {
     bool hasMessages = false;
-    if ((*active)->processPollEvents(hasMessages)) {
+    if (active.processPollEvents(hasMessages)) {
         // While a new stream connects, a turn says nothing of what the failed one has brought.
-        gotData = gotData || hasMessages || (*active)->hasReceived();
-        return;
+        gotData = gotData || hasMessages || active.hasReceived();
+        return true;
     }
     VEKMSG_LOG_DEBUG("Deleting active connection between %s and %s", printable(m_sp_componentName),
-                     printable((*active)->getPeerName()));
-    retire(active);
+                     printable(active.getPeerName()));
+    return false;
 }
 
 bool VekmsgTerminalImpl_::fillPollFdArray(pollfd* p_pollFdBuf, unsigned int& count) {

@@ -67,8 +67,9 @@ void VekmsgTerminalImpl_::keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_U
 // Filters, replies and forwarding may insert and erase connections while one is served. So the walk holds on
 // to that one and goes on by name.
 bool VekmsgTerminalImpl_::receiveFromConnections() {
+    std::uint64_t spell = quietSpell();
     for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();) {
-        if (!(*next)->hasReceived() && (*next)->isAtRest(quietSpell())) {
+        if (!(*next)->hasReceived() && (*next)->isAtRest(spell)) {
             ++next;
             continue;
         }
@@ -81,6 +82,7 @@ bool VekmsgTerminalImpl_::receiveFromConnections() {
             return false;
         }
         next = m_activeConnections.upper_bound(sp_connection);
+        spell = quietSpell();
     }
     return true;
 }

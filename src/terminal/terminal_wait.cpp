@@ -49,9 +49,10 @@ public:
         });
     }
 
-    /// What the poll has returned for the entries of `process`.
+    /// What the poll has returned for the entries of `process`. Sockets are told only now: the accessor has
+    /// been called in between, which is not ours.
     void noteQuietSockets(const pollfd* p_entries, const pollfd* p_end) const {
-        beginQuietSpell();
+        beginQuietSpell(takeQuietSpell());
         const pollfd* p_next = p_entries;
         forEach([&](const VekmsgTerminalImpl_& terminal) {
             p_next = terminal.noteQuietSockets(p_next, static_cast<unsigned int>(p_end - p_next));
@@ -94,19 +95,19 @@ VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::waitForMessage(unsigned in
     if (!m_receivedMessages.empty()) return VekmsgTerminal_::WAIT_MESSAGE;
     const QuietSpellEnd_ end;
     bool gotData = false;
+    SocketPoll_ sockets;
     // What the poll of the wait will tell at once need not be asked before it.
-    bool isPassDue = !awaitsOnlyEvents();
+    bool isPassDue = !awaitsOnlyEvents(sockets);
     if (isPassDue) lookForQuietSockets();
     unsigned int remainingMs = std::max(timeoutMs, 1U);  // at least one poll in any case
     while (remainingMs != 0) {
-        if (isPassDue && !makePass(gotData)) return VekmsgTerminal_::WAIT_ERROR;
-        if (gotData) return VekmsgTerminal_::WAIT_MESSAGE;
-        pollfd entries[kWaitPollEntries];
-        unsigned int count = kWaitPollEntries;
-        if (!fillPollFdArray(entries, count)) return VekmsgTerminal_::WAIT_ERROR;
+        if (isPassDue) {
+            if (!makePass(gotData)) return VekmsgTerminal_::WAIT_ERROR;
+            if (gotData) return VekmsgTerminal_::WAIT_MESSAGE;
+            if (!prepare(sockets)) return VekmsgTerminal_::WAIT_ERROR;
+        }
         const int slice = nextSlice(remainingMs);
-        endQuietSpell();
-        const int result = poll(entries, count, slice);
+        const int result = sockets.poll(slice);
         const int error = errno;
         if (result < 0 && error != EINTR) {
             if (!isPassDue && !makePass(gotData)) return VekmsgTerminal_::WAIT_ERROR;
@@ -116,22 +117,27 @@ VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::waitForMessage(unsigned in
             return VekmsgTerminal_::WAIT_ERROR;
         }
         if (result == 0) remainingMs -= static_cast<unsigned int>(slice);
-        if (result >= 0) {
-            beginQuietSpell();
-            noteQuietSockets(entries, count);
-        }
         isPassDue = true;
     }
     return VekmsgTerminal_::WAIT_TIMEOUT;
 }
 VEKMSG_RETURN_ON_EXCEPTION(VekmsgTerminal_::WAIT_ERROR)
 
-bool VekmsgTerminalImpl_::awaitsOnlyEvents() const {
+bool VekmsgTerminalImpl_::awaitsOnlyEvents(SocketPoll_& sockets) const {
     if (VEKMSG_QUIET_SPELLS == 0 || !m_keptBlocks.empty() || !m_unresolvedConnections.empty()) return false;
     if (m_listeningSockets.size() + m_activeConnections.size() > kWaitPollEntries) return false;
+    const auto add = [&](VekSocket_& socket) {
+        if (!socket.fillQuietPollFd(*sockets.next())) return false;
+        sockets.add(socket);
+        return true;
+    };
+    for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
+        if (!add(*sp_socket)) return false;
+    }
     return std::all_of(m_activeConnections.begin(), m_activeConnections.end(),
-                       [](const SP_VekmsgConnection_& sp_connection) {
-                           return sp_connection->awaitsOnlyData() && !sp_connection->hasReceived();
+                       [&](const SP_VekmsgConnection_& sp_connection) {
+                           return sp_connection->awaitsOnlyData() && !sp_connection->hasReceived() &&
+                                  add(*sp_connection->socket());
                        });
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <thread>
 
 #include "foundation/log_record.h"
@@ -24,9 +25,9 @@ TEST_F(QuietSpell, thereIsNoneBeforeOneBegins) {
 }
 
 TEST_F(QuietSpell, eachHasANumberOfItsOwn) {
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     const std::uint64_t first = quietSpell();
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     const std::uint64_t second = quietSpell();
 
     EXPECT_NE(first, kNoQuietSpell);
@@ -35,11 +36,11 @@ TEST_F(QuietSpell, eachHasANumberOfItsOwn) {
 }
 
 TEST_F(QuietSpell, thoseOfAnotherThreadHaveOtherNumbersAndEndWithoutThisOne) {
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     const std::uint64_t ours = quietSpell();
     std::uint64_t theirs = ours;
     std::thread([&] {
-        beginQuietSpell();
+        beginQuietSpell(takeQuietSpell());
         theirs = quietSpell();
         endQuietSpell();
     }).join();
@@ -48,8 +49,26 @@ TEST_F(QuietSpell, thoseOfAnotherThreadHaveOtherNumbersAndEndWithoutThisOne) {
     EXPECT_EQ(quietSpell(), ours);
 }
 
+TEST_F(QuietSpell, noneOfManyInTurnHasTheNumberOfAnother) {
+    constexpr unsigned int kEach = 100000;  // more than a thread takes at a time
+    std::set<std::uint64_t> numbers;
+    for (unsigned int i = 0; i < 3 * kEach; ++i) {
+        if (i == kEach) {
+            std::thread([&] {
+                beginQuietSpell(takeQuietSpell());
+                numbers.insert(quietSpell());
+            }).join();
+        }
+        beginQuietSpell(takeQuietSpell());
+        numbers.insert(quietSpell());
+    }
+
+    EXPECT_EQ(numbers.size(), 3U * kEach + 1);
+    EXPECT_EQ(numbers.count(kNoQuietSpell), 0U);
+}
+
 TEST_F(QuietSpell, endsOnce) {
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     endQuietSpell();
     EXPECT_EQ(quietSpell(), kNoQuietSpell);
     endQuietSpell();
@@ -59,7 +78,7 @@ TEST_F(QuietSpell, endsOnce) {
 TEST_F(QuietSpell, endsWithTheCallThatItIsOf) {
     {
         const QuietSpellEnd_ end;
-        beginQuietSpell();
+        beginQuietSpell(takeQuietSpell());
         EXPECT_NE(quietSpell(), kNoQuietSpell);
     }
     EXPECT_EQ(quietSpell(), kNoQuietSpell);
@@ -68,7 +87,7 @@ TEST_F(QuietSpell, endsWithTheCallThatItIsOf) {
 TEST_F(QuietSpell, endsWhenASinkHasRun) {
     static LogSite s_site = {0, "$fmt", "module.cpp", "void f()", 1, {}};
     const RecordCapture_ records;
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
 
     log_dispatch(kLogError, &s_site, 1, "fmt", "text", nullptr, nullptr);
 

@@ -14,7 +14,6 @@
 #define TEXT "Utf8String_"
 #define ADDRESS_NAMES "VekmsgTerminalImpl_::AddressNames_&"
 #define UNRESOLVED_PLACE "Connections_::iterator"
-#define ACTIVE_PLACE "ActiveConnections_::iterator"
 #else
 #define SP_CONNECTION "libcpp::SmartPointer_<VekmsgConnection_>"
 #define STAGE ""
@@ -23,9 +22,6 @@
 #define ADDRESS_NAMES "AddressNames_&"
 #define UNRESOLVED_PLACE \
     "std::__cxx11::list<" SP_CONNECTION ", libcpp::FreeListAllocator_<" SP_CONNECTION ">>::iterator"
-#define ACTIVE_PLACE                                             \
-    "std::set<" SP_CONNECTION ", libcpp::IsLess_<" SP_CONNECTION \
-    ">, libcpp::FreeListAllocator_<" SP_CONNECTION ">>::iterator"
 #endif
 
 constexpr char kOpen[] = "bool VekmsgTerminalImpl_::open(const Utf8Char_*, const char*)";
@@ -40,7 +36,7 @@ constexpr char kResolving[] =
 constexpr char kSettling[] =
     "void VekmsgTerminalImpl_::processPollEvents(" STAGE "Settling_, VekmsgConnection_&, VekmsgConnection_&)";
 constexpr char kServing[] =
-    "void VekmsgTerminalImpl_::processPollEvents(" STAGE "Serving_, " ACTIVE_PLACE ", bool&)";
+    "bool VekmsgTerminalImpl_::processPollEvents(" STAGE "Serving_, VekmsgConnection_&, bool&)";
 constexpr char kFill[] = "bool VekmsgTerminalImpl_::fillPollFdArray(pollfd*, unsigned int&)";
 constexpr char kCreate[] = "bool VekmsgTerminalImpl_::createMessage(SP_VekMessage_&)";
 constexpr char kSend[] = "bool VekmsgTerminalImpl_::sendMessage(SP_VekMessage_)";

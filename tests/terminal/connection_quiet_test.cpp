@@ -16,7 +16,7 @@ protected:
 TEST_F(ConnectionQuiet, isAtRestWhenItWaitsForBlocksThatHaveNotCome) {
     openEstablished();
     EXPECT_FALSE(m_sp_connection->isAtRest(kNoQuietSpell));
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     socket().noteQuiet(quietSpell());
 
     EXPECT_TRUE(m_sp_connection->isAtRest(quietSpell()));
@@ -31,7 +31,7 @@ TEST_F(ConnectionQuiet, isAtRestWhenItWaitsForBlocksThatHaveNotCome) {
 
 TEST_F(ConnectionQuiet, isNotAtRestWithAnythingToDo) {
     openEstablished();
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     socket().noteQuiet(quietSpell());
 
     m_sp_connection->m_sendQueue.push_back(bufferOf("queued"));

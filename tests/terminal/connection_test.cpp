@@ -657,9 +657,22 @@ TEST_F(Connection, withoutASocketBlocksOnlyQueue) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(Connection, aBlockThatIsWrittenAtOnceNeedsNoPlaceInTheQueue) {
+    inFreshThread([&] {
+        openNamed();
+        const SP_BasicBuffer_ sp_block = bufferOf("one");
+        const AllocationFailure_ failure(1);
+
+        EXPECT_TRUE(m_sp_connection->sendEncodedMessage(sp_block));
+    });
+    EXPECT_TRUE(m_sp_connection->m_sendQueue.empty());
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
 TEST_F(Connection, withoutMemoryForAPlaceInTheQueueItFails) {
     inFreshThread([&] {
         openNamed();
+        m_sp_connection->m_connectionState = Connection_::STATE_SENDING_NAME;  // what is sent has to wait
         const SP_BasicBuffer_ sp_block = bufferOf("one");
         const AllocationFailure_ failure(1);
 

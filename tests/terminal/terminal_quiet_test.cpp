@@ -52,6 +52,17 @@ protected:
         EXPECT_EQ(m_anna->m_activeConnections.size(), count);
     }
 
+    /// A connection that has a socket, of which nothing is awaited.
+    void addWithoutEntry(const std::string& peerName) {
+        VekSocketAddress_ wildcard;
+        wildcard.initializeAsWildcard(VekSocketAddress_::INET_TCP);
+        const SP_VekSocket_ sp_socket(new VekSocket_);
+        EXPECT_TRUE(sp_socket->initialize(wildcard));
+        const SP_TestConnection_ sp_connection = m_anna->addActive(peerName);
+        sp_connection->m_sp_socket = sp_socket;
+        sp_connection->m_connectionState = VekmsgConnection_::STATE_SENDING_NAME;
+    }
+
     static int pollFd(const std::vector<TestTerminal_*>& terminals, unsigned int timeoutMs) {
         std::vector<void*> handles;
         for (VekmsgTerminalImpl_* p_terminal : terminals) handles.push_back(p_terminal);
@@ -104,6 +115,45 @@ TEST_F(TerminalQuiet, onlyWhoHasSomethingIsRead) {
 
     EXPECT_EQ(asked(calls), (Asked_{1, 0, 0, 3}));  // a header, a payload, and nothing more
     EXPECT_EQ(numbersAt(*m_anna), std::vector<unsigned int>{1});
+}
+
+TEST_F(TerminalQuiet, aWaitLooksAtAStreamThatCannotBePolled) {
+    openWithPeers(1);
+    m_peers.clear();
+    SP_BasicBuffer_ sp_nothing;
+    EXPECT_FALSE(m_anna->active("peer0")->socket()->check(sp_nothing));  // behind the connection's back
+    EXPECT_EQ(m_anna->active("peer0")->socket()->descriptor(), -1);
+
+    EXPECT_EQ(m_anna->waitForMessage(1), VekmsgTerminal_::WAIT_TIMEOUT);
+
+    EXPECT_TRUE(m_anna->m_activeConnections.empty());
+}
+
+TEST_F(TerminalQuiet, aWaitWithAListenerThatCannotBePolledTellsItOnce) {
+    openWithPeers(1);
+    m_anna->m_listeningSockets.front()->cleanUp();
+
+    EXPECT_EQ(m_anna->waitForMessage(1), VekmsgTerminal_::WAIT_ERROR);
+
+    EXPECT_EQ(m_records.take(),
+              Records_{socketRecord(3, "bool VekSocket_::fillPollFd(bool, pollfd*, pollfd*&) const",
+                                    "VekSocket_::fillPollFd() failed because of the wrong state 0")});
+}
+
+TEST_F(TerminalQuiet, socketsWithoutAnEntryDoNotMixUpTheOthers) {
+    openWithPeers(2);
+    addWithoutEntry("abel");
+    addWithoutEntry("peer00");
+    addWithoutEntry("zora");
+    for (const char* p_peer : {"peer0", "peer1"}) {
+        RawPeer_& peer = *m_peers[p_peer[4] == '0' ? 0 : 1];
+        EXPECT_EQ(m_anna->waitForMessage(1), VekmsgTerminal_::WAIT_TIMEOUT);
+        EXPECT_EQ(pollFd({m_anna.get()}, 1), VekmsgTerminal_::POLL_TIMEOUT);
+        peer.write(messageBlock("anna", p_peer, 1));
+        EXPECT_EQ(pollFd({m_anna.get()}, 60000), VekmsgTerminal_::POLL_MESSAGE);
+        EXPECT_EQ(m_anna->waitForMessage(60000), VekmsgTerminal_::WAIT_MESSAGE);
+        EXPECT_EQ(numbersAt(*m_anna), std::vector<unsigned int>{1});
+    }
 }
 
 TEST_F(TerminalQuiet, aCallThatReceivesNothingIsOneLook) {

@@ -15,7 +15,7 @@ constexpr char kPeer[] = "inettcp://127.0.0.1:7000";
 
 /// Tells the socket what a poll has just found.
 void makeQuiet(VekSocket_& socket) {
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     socket.noteQuiet(quietSpell());
 }
 
@@ -73,7 +73,7 @@ TEST_F(VekSocketQuiet, aListenerIsNotAskedUntilTheSpellEnds) {
 TEST_F(VekSocketQuiet, theNextSpellSaysNothingOfTheLast) {
     listenOn(m_socket, m_folder.localAddress("server"));
     makeQuiet(m_socket);
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     SP_VekSocket_ sp_accepted;
 
     EXPECT_TRUE(m_socket.accept(sp_accepted));
@@ -207,7 +207,7 @@ TEST_F(VekSocketQuietStream, isAtRestInTheSpellInWhichItIsQuiet) {
     const std::uint64_t spell = quietSpell();
     endQuietSpell();
     EXPECT_FALSE(client().isAtRest(quietSpell()));
-    beginQuietSpell();
+    beginQuietSpell(takeQuietSpell());
     EXPECT_FALSE(client().isAtRest(quietSpell()));
     EXPECT_TRUE(client().isAtRest(spell));
     client().forgetQuiet();

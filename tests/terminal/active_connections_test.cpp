@@ -1,0 +1,106 @@
+#include "terminal/active_connections.h"
+
+#include <gtest/gtest.h>
+
+#include <new>
+#include <string>
+#include <vector>
+
+#include "foundation/log_record.h"
+#include "foundation/utf8_name.h"
+#include "support/allocation_failure.h"
+#include "support/utf8_text.h"
+
+namespace {
+
+SP_VekmsgConnection_ connectionTo(const char* p_peerName) {
+    SP_VekmsgConnection_ sp_connection(new VekmsgConnection_);
+    sp_connection->setPeerName(createUtf8String(utf8(p_peerName)));
+    return sp_connection;
+}
+
+class ActiveConnections : public testing::Test {
+protected:
+    ActiveConnections() {
+        for (const char* p_name : {"dora", "anna", "emil", "cora"})
+            EXPECT_TRUE(m_connections.insert(connectionTo(p_name)).second);
+    }
+
+    static std::string nameOf(const SP_VekmsgConnection_& sp_connection) {
+        return printable(sp_connection->getPeerName());
+    }
+    std::vector<std::string> names() const {
+        std::vector<std::string> names;
+        for (const SP_VekmsgConnection_& sp_connection : m_connections)
+            names.push_back(nameOf(sp_connection));
+        return names;
+    }
+
+    using Names_ = std::vector<std::string>;
+    ActiveConnections_ m_connections;
+};
+
+}  // namespace
+
+TEST_F(ActiveConnections, standInTheOrderOfTheirPeersNames) {
+    EXPECT_EQ(names(), (Names_{"anna", "cora", "dora", "emil"}));
+    EXPECT_EQ(m_connections.size(), 4U);
+    EXPECT_FALSE(m_connections.empty());
+}
+
+TEST_F(ActiveConnections, aNewOneIsToldWhereItStands) {
+    const SP_VekmsgConnection_ sp_bert = connectionTo("bert");
+
+    const auto [place, isInserted] = m_connections.insert(sp_bert);
+
+    EXPECT_TRUE(isInserted);
+    EXPECT_EQ(*place, sp_bert);
+    EXPECT_EQ(place - m_connections.begin(), 1);
+    EXPECT_EQ(names(), (Names_{"anna", "bert", "cora", "dora", "emil"}));
+}
+
+TEST_F(ActiveConnections, thereIsOneForEachPeer) {
+    for (const char* p_name : {"anna", "dora", "emil"}) {
+        const SP_VekmsgConnection_ sp_second = connectionTo(p_name);
+
+        const auto [place, isInserted] = m_connections.insert(sp_second);
+
+        EXPECT_FALSE(isInserted);
+        EXPECT_NE(*place, sp_second);
+        EXPECT_EQ(nameOf(*place), p_name);
+    }
+    EXPECT_EQ(m_connections.size(), 4U);
+}
+
+TEST_F(ActiveConnections, areFoundByName) {
+    EXPECT_EQ(nameOf(*m_connections.find(connectionTo("anna"))), "anna");
+    EXPECT_EQ(nameOf(*m_connections.find(connectionTo("emil"))), "emil");
+    for (const char* p_name : {"abel", "bert", "zora"})
+        EXPECT_EQ(m_connections.find(connectionTo(p_name)), m_connections.end());
+}
+
+TEST_F(ActiveConnections, theNextOneIsThatWithTheNextGreaterName) {
+    EXPECT_EQ(nameOf(*m_connections.upper_bound(connectionTo("anna"))), "cora");
+    EXPECT_EQ(nameOf(*m_connections.upper_bound(connectionTo("bert"))), "cora");
+    EXPECT_EQ(m_connections.upper_bound(connectionTo("emil")), m_connections.end());
+}
+
+TEST_F(ActiveConnections, oneGoesAndTheNextIsTold) {
+    const auto behind = m_connections.erase(m_connections.find(connectionTo("cora")));
+
+    EXPECT_EQ(nameOf(*behind), "dora");
+    const auto end = m_connections.erase(m_connections.find(connectionTo("emil")));
+    EXPECT_EQ(end, m_connections.end());
+    EXPECT_EQ(names(), (Names_{"anna", "dora"}));
+    m_connections.clear();
+    EXPECT_TRUE(m_connections.empty());
+}
+
+TEST_F(ActiveConnections, withoutMemoryForMoreTheyStayAsTheyAre) {
+    const SP_VekmsgConnection_ sp_bert = connectionTo("bert");  // the array has room for four
+    {
+        const AllocationFailure_ failure(1);
+        EXPECT_THROW(m_connections.insert(sp_bert), std::bad_alloc);
+    }
+    EXPECT_EQ(names(), (Names_{"anna", "cora", "dora", "emil"}));
+}
