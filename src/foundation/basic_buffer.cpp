@@ -21,8 +21,7 @@ using ObjectMemory_ = FromFreeList_<BasicBuffer_, 256>;
 BasicBuffer_::BasicBuffer_(unsigned int capacity) {
     if (capacity == 0) return;
     m_storageSize = capacity <= kPooledStorage ? kPooledStorage : capacity;
-    void* p_storage =
-        m_storageSize == kPooledStorage ? StorageList_::take() : ::operator new(capacity, std::nothrow);
+    void* p_storage = m_storageSize == kPooledStorage ? StorageList_::take() : takeFromHeap(capacity);
     m_p_storage = static_cast<unsigned char*>(p_storage);
     if (m_p_storage != nullptr) m_capacity = capacity;
 }

@@ -48,7 +48,8 @@ public:
     bool setSendFilter(SP_VekmsgFilter_ sp_filter);
     bool setReceiveFilter(SP_VekmsgFilter_ sp_filter);
 
-    bool CreateMessagePrinter(std::ostream* p_ostrm, const char* p_note, SP_VekmsgFilter_& sp_filter) const;
+    [[gnu::noinline]] bool CreateMessagePrinter(std::ostream* p_ostrm, const char* p_note,
+                                                SP_VekmsgFilter_& sp_filter) const;
 
     /// The usable connection to that peer, or null. One that is of no further use is erased.
     SP_VekmsgConnection_ findActiveConnection(SP_Utf8String_ sp_peerName);
@@ -175,8 +176,9 @@ protected:
     void putBack(const SP_BasicBuffer_& sp_buffer, const SP_VekmsgConnection_& sp_connection);
     void keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName);
 
-    /// Stops and erases a connection, but not what it has received. The result is the one behind.
-    ActiveConnections_::iterator retire(ActiveConnections_::iterator active);
+    /// Stops and erases a connection, but not what it has received. The result is the one behind. Out of
+    /// line: it is seldom.
+    [[gnu::noinline]] ActiveConnections_::iterator retire(ActiveConnections_::iterator active);
 
     // Tests derive a class from this one to set up states that the outside cannot bring about.
     SP_Utf8String_ m_sp_componentName;  // null: not open

@@ -123,8 +123,9 @@ void LoadedLibrary_::readDisassembly() {
         throw std::runtime_error("no disassembly by " + command);
 }
 
-// "   1c549:\tcall   c2e0 <getpeername@plt>", and before it "000000000001c530 <(anonymous
-// ...)::hasPeer(int)>:"
+// "   1c549:\tcall   c2e0 <getpeername@plt>" or, where calls need no such stub,
+// "   1c549:\tcall   *0x2a831(%rip)        # 46d80 <getpeername@GLIBC_2.2.5>", or "addr32 call" to one of our
+// own where the linker knew it; and before it "000000000001c530 <(anonymous ...)::hasPeer(int)>:"
 void LoadedLibrary_::readLine(const std::string& line) {
     if (!line.empty() && line.back() == ':' && line[0] == '0') {
         m_function = hexadecimal(line);
@@ -137,19 +138,17 @@ void LoadedLibrary_::readLine(const std::string& line) {
     if (m_isReturnMissing) m_callSites.back().m_return = at;
     m_isReturnMissing = false;
 
-    static const std::regex s_branch(":\t(call|j[a-z]+) +([0-9a-f]+) <(.*)>$");
+    static const std::regex s_branch(":\t(?:addr32 )?(call|j[a-z]+) +([0-9a-f]+) <(.*)>$");
     static const std::regex s_address("# ([0-9a-f]+) <");
     static const std::regex s_displacement("(-?)0x([0-9a-f]+)\\(%e");
+    static const std::regex s_throughTable(":\tcall +\\*0x[0-9a-f]+\\(%rip\\) +# [0-9a-f]+ <(.*)@.*>$");
     std::smatch found;
-    if (std::regex_search(line, found, s_branch)) {
+    if (std::regex_search(line, found, s_throughTable)) {
+        addCallSite(found[1], at);
+    } else if (std::regex_search(line, found, s_branch)) {
         const std::string target = found[3];
-        if (target.size() > 4 && target.compare(target.size() - 4, 4, "@plt") == 0) {
-            const std::string name = target.substr(0, target.size() - 4);
-            if (plannedCalls().count(name) != 0) {
-                m_callSites.push_back({name, m_functions[m_function], at, 0, false});
-                m_isReturnMissing = true;
-            }
-        }
+        if (target.size() > 4 && target.compare(target.size() - 4, 4, "@plt") == 0)
+            addCallSite(target.substr(0, target.size() - 4), at);
         m_references[m_function].insert(hexadecimal(found[2]));
     } else if (std::regex_search(line, found, s_address)) {
         m_references[m_function].insert(hexadecimal(found[1]));
@@ -157,6 +156,12 @@ void LoadedLibrary_::readLine(const std::string& line) {
         const std::uintptr_t distance = hexadecimal(found[2]);
         m_references[m_function].insert(found[1] == "-" ? m_table - distance : m_table + distance);
     }
+}
+
+void LoadedLibrary_::addCallSite(const std::string& name, std::uintptr_t at) {
+    if (plannedCalls().count(name) == 0) return;
+    m_callSites.push_back({name, m_functions[m_function], at, 0, false});
+    m_isReturnMissing = true;
 }
 
 /// Exported, or its address stands in the data: in a table of virtual functions, for example.

@@ -39,6 +39,7 @@ public:
 private:
     void readDisassembly();
     void readLine(const std::string& line);
+    void addCallSite(const std::string& name, std::uintptr_t at);
     void findUsed();
     bool isEntry(std::uintptr_t function) const;
 

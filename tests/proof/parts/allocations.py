@@ -23,7 +23,7 @@ UNREACHED = {
     "VekmsgTerminal_::receiveRawPayload": (2, "a text just made has no more room than its own"),
 }
 
-CALL = re.compile(r"^\s*[0-9a-f]+:\s+(?:bnd )?(call|jmp)\s+[0-9a-f]+ <(\w+)(@plt)?>")
+CALL = re.compile(r"^\s*[0-9a-f]+:\s+(?:bnd |addr32 )?(call|jmp)\s+(?:\*0x[0-9a-f]+\(%rip\)\s+# )?[0-9a-f]+ <(\w+)(@[\w.]+)?>")
 FUNCTION = re.compile(r"^[0-9a-f]+ <(.+)>:$")
 
 
