@@ -305,7 +305,8 @@ def main():
         with open(arguments.page, encoding="utf-8") as file:
             report.fill_page(json.load(file))
         return
-    folder = os.path.join(arguments.programs, "results")
+    # Those of a full run are kept with the source.
+    folder = os.path.join(arguments.programs if arguments.quick else os.path.dirname(__file__), "results")
     results = run(arguments)
     shutil.rmtree(folder, ignore_errors=True)
     os.makedirs(folder)
