@@ -33,8 +33,8 @@ public:
     /// Adds the entry at `next`, which is of this socket.
     void add(VekSocket_& socket);
 
-    /// The result and errno of `poll`. No spell begins where that fails. Out of line: this is the one place
-    /// that polls.
+    /// The result and errno of `poll`. No spell begins where that fails. Out of line, so that there is one
+    /// place for all of them; only pollFd, which asks for the caller's descriptors too, polls elsewhere.
     [[gnu::noinline]] int poll(int timeoutMs);
 
 private:
