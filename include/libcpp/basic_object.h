@@ -26,6 +26,10 @@ public:
 
     virtual ~BasicObject_();
 
+protected:
+    /// `removeRef` without the destruction: true when that is left to do.
+    bool dropRef() noexcept { return --m_referenceCount == 0; }
+
 private:
     std::uint32_t m_referenceCount = 0;
 };

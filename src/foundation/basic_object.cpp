@@ -4,8 +4,8 @@ namespace libcpp {
 
 BasicObject_::~BasicObject_() = default;
 
-void BasicObject_::removeRef() {
-    if (--m_referenceCount == 0) delete this;
+[[gnu::hot]] void BasicObject_::removeRef() {
+    if (dropRef()) delete this;
 }
 
 }  // namespace libcpp

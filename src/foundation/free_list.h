@@ -26,6 +26,8 @@ namespace libcpp {
 /// thread.
 template <std::size_t BlockSize, unsigned int MaxHeld>
 class FreeList_ {
+    struct Chain_;
+
 public:
     /// At least BlockSize bytes, aligned for any object; null when memory is short.
     static void* take() noexcept {
@@ -39,14 +41,27 @@ public:
 
     /// Null is ignored.
     static void give(void* p_block) noexcept {
-        if (p_block == nullptr) return;
-        Chain_& chain = threadChain();
-        if (chain.m_phase != Phase_::Open || chain.m_held == kMaxHeld) {
-            giveFirst(chain, p_block);
-        } else {
-            add(chain, p_block);
-        }
+        if (p_block != nullptr) OfThisThread_().give(p_block);
     }
+
+    /// The list of this thread. To look it up costs more than to give a block: who gives several in a row
+    /// does it once.
+    class OfThisThread_ {
+    public:
+        OfThisThread_() noexcept : m_chain(threadChain()) {}
+
+        /// Requires a block.
+        void give(void* p_block) const noexcept {
+            if (m_chain.m_phase != Phase_::Open || m_chain.m_held == kMaxHeld) {
+                giveFirst(m_chain, p_block);
+            } else {
+                add(m_chain, p_block);
+            }
+        }
+
+    private:
+        Chain_& m_chain;
+    };
 
 private:
     struct Link_ {
@@ -93,7 +108,7 @@ private:
         chain.m_phase = Phase_::Open;
     }
 
-    VEKMSG_THREAD_ACCESS static Chain_& threadChain() noexcept {
+    [[gnu::hot, gnu::const]] VEKMSG_THREAD_ACCESS static Chain_& threadChain() noexcept {
         static thread_local Chain_ t_chain{nullptr, 0, Phase_::Unused};
         return t_chain;
     }
@@ -104,13 +119,13 @@ private:
     }
 };
 
-/// Puts what standard containers take on the thread's free lists: single nodes, and arrays of 8, 16, 32, 64
-/// and 128, as a growing array passes through them. Others come from the heap.
+/// Puts what standard containers take on the thread's free lists: single nodes, and arrays of 16, 32, 64 and
+/// 128, as a growing array passes through them. Others come from the heap.
 template <class T>
 struct FreeListAllocator_ {
     using value_type = T;
 
-    static constexpr std::size_t kSmallestArray = 8;
+    static constexpr std::size_t kSmallestArray = 16;
 
     FreeListAllocator_() noexcept = default;
     template <class U>
@@ -176,8 +191,12 @@ private:
 /// `new`.
 template <class T, unsigned int MaxHeld>
 struct FromFreeList_ {
+    /// A template, because T is not complete before it is used.
+    template <class U = T>
+    using List_ = FreeList_<sizeof(U), MaxHeld>;
+
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-        return size == sizeof(T) ? FreeList_<sizeof(T), MaxHeld>::take() : takeFromHeap(size);
+        return size == sizeof(T) ? List_<>::take() : takeFromHeap(size);
     }
     static void* operator new(std::size_t size) {
         void* p_memory = operator new(size, std::nothrow);
@@ -186,7 +205,7 @@ struct FromFreeList_ {
     }
     static void operator delete(void* p_memory, std::size_t size) noexcept {
         if (size == sizeof(T)) {
-            FreeList_<sizeof(T), MaxHeld>::give(p_memory);
+            List_<>::give(p_memory);
         } else {
             ::operator delete(p_memory);
         }

@@ -7,7 +7,9 @@
 /// list saves. Descriptors (the compiler's `-mtls-dialect=gnu2`) make two instructions of it. But for a
 /// library that came by dlopen some loaders spoil vector registers at that point, which the compiler believes
 /// to be kept. So each access stands in a function of which its callers know nothing, and which has no such
-/// register in use.
+/// register in use. Where the variable needs no construction, `gnu::const` tells them that the address stays
+/// the same, so that a loop asks once; a variable that is constructed, or destroyed, must not be reached
+/// early.
 #if defined(__GNUC__) && !defined(__clang__)
 #define VEKMSG_THREAD_ACCESS __attribute__((noipa))
 #else

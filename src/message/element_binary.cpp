@@ -16,12 +16,7 @@ bool isAny(VekmsgTag_ tag) {
 
 }  // namespace
 
-// The value storage stays as it is: clearing it would cost more than everything else that an element does.
-// cppcheck-suppress uninitMemberVar
-VekmsgElementBinary_::VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message)
-    : m_p_message(p_message), m_tag(tag) {}
-
-VekmsgElementBinary_::~VekmsgElementBinary_() = default;
+[[gnu::hot]] VekmsgElementBinary_::~VekmsgElementBinary_() = default;
 
 VekmsgTag_ VekmsgElementBinary_::getTag() const {
     return m_tag;
@@ -38,7 +33,7 @@ unsigned int VekmsgElementBinary_::storedUint() const {
     return load32(m_value);
 }
 
-bool VekmsgElementBinary_::getValue(unsigned int& value) const {
+[[gnu::hot]] bool VekmsgElementBinary_::getValue(unsigned int& value) const {
     if (m_type != VEKMSG_UINT) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::getValue() wrong data type %d. Expecting uint", m_type);
         return false;
@@ -58,7 +53,7 @@ bool VekmsgElementBinary_::getValue(bool& value) const {
     return true;
 }
 
-bool VekmsgElementBinary_::getValue(const Utf8Char_*& p_value) const {
+[[gnu::hot]] bool VekmsgElementBinary_::getValue(const Utf8Char_*& p_value) const {
     if (m_type != VEKMSG_STRING) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::getValue() wrong data type %d. Expecting string", m_type);
         return false;
@@ -67,7 +62,7 @@ bool VekmsgElementBinary_::getValue(const Utf8Char_*& p_value) const {
     return true;
 }
 
-bool VekmsgElementBinary_::getValue(const unsigned char*& p_value, unsigned int& length) const {
+[[gnu::hot]] bool VekmsgElementBinary_::getValue(const unsigned char*& p_value, unsigned int& length) const {
     if (m_type != VEKMSG_BINARY) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::getValue() wrong data type %d. Expecting binary", m_type);
         return false;
@@ -77,7 +72,7 @@ bool VekmsgElementBinary_::getValue(const unsigned char*& p_value, unsigned int&
     return true;
 }
 
-bool VekmsgElementBinary_::setValue(unsigned int value) {
+[[gnu::hot]] bool VekmsgElementBinary_::setValue(unsigned int value) {
     storeUint(value);
     m_type = VEKMSG_UINT;
     return true;
@@ -87,7 +82,7 @@ bool VekmsgElementBinary_::setValue(bool value) {
     return setValue(value ? 1U : 0U);
 }
 
-bool VekmsgElementBinary_::setValue(const Utf8Char_* p_value) {
+[[gnu::hot]] bool VekmsgElementBinary_::setValue(const Utf8Char_* p_value) {
     m_type = VEKMSG_UNDEFINED;
     if (p_value == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::setValue() null p_value");
@@ -101,7 +96,7 @@ bool VekmsgElementBinary_::setValue(const Utf8Char_* p_value) {
     return true;
 }
 
-bool VekmsgElementBinary_::setValue(const unsigned char* p_value, unsigned int length) {
+[[gnu::hot]] bool VekmsgElementBinary_::setValue(const unsigned char* p_value, unsigned int length) {
     m_type = VEKMSG_UNDEFINED;
     if (p_value == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::setValue() null p_value");
@@ -142,10 +137,15 @@ bool VekmsgElementBinary_::storeText(const Utf8Char_* p_text) {
     return fits;
 }
 
-void VekmsgElementBinary_::storeReceivedText(const unsigned char* p_text, unsigned int length) {
+[[gnu::hot]] void VekmsgElementBinary_::storeReceivedText(const unsigned char* p_text, unsigned int length) {
     const auto* p_end = static_cast<const unsigned char*>(std::memchr(p_text, 0, length));
-    store(p_text, p_end != nullptr ? static_cast<unsigned int>(p_end - p_text) + 1 : length);
-    if (p_end == nullptr) closeText();
+    if (p_end == nullptr) return storeOpenText(p_text, length);
+    store(p_text, static_cast<unsigned int>(p_end - p_text) + 1);
+}
+
+void VekmsgElementBinary_::storeOpenText(const unsigned char* p_text, unsigned int length) {
+    store(p_text, length);
+    closeText();
 }
 
 void VekmsgElementBinary_::closeText() {
@@ -182,17 +182,13 @@ bool VekmsgElementBinary_::addSubelements(SP_VekmsgElement_ sp_subElement) try {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::addSubelements() element with tag == ANY");
         return false;
     }
-    insertSubElement(sp_subElement);
+    SP_VekmsgElementBinary_ sp_element = sp_subElement;
+    m_subElements.makeRoom();
+    m_subElements.add(sp_element.detach());
     m_type = VEKMSG_COMPLEX;
     return true;
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
-
-void VekmsgElementBinary_::insertSubElement(const SP_VekmsgElementBinary_& sp_element) {
-    const SubElements_::Position_ position = m_subElements.insert(sp_element);
-    if (position <= m_queryCursor) ++m_queryCursor;
-    if (position <= m_queryEnd) ++m_queryEnd;
-}
 
 SP_VekmsgElement_ VekmsgElementBinary_::subElementAt(SubElements_::Position_ position) const {
     return position < m_subElements.size() ? SP_VekmsgElement_(m_subElements[position]) : SP_VekmsgElement_();
@@ -218,8 +214,7 @@ bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
         return false;
     }
     if (isAny(tag)) {
-        m_queryCursor = 0;
-        m_queryEnd = m_subElements.size();
+        m_subElements.startQuery(0, m_subElements.size());
         return true;
     }
     const SP_VekmsgElementBinary_ sp_probe = createSibling(tag);
@@ -227,18 +222,17 @@ bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::querySubelements() createElement() returned invalid object");
         return false;
     }
-    m_queryCursor = m_subElements.lowerBound(sp_probe.get());
-    m_queryEnd = m_subElements.upperBound(sp_probe.get());
+    m_subElements.startQuery(m_subElements.lowerBound(sp_probe.get()),
+                             m_subElements.upperBound(sp_probe.get()));
     return true;
 }
 
 SP_VekmsgElement_ VekmsgElementBinary_::getNextSubelement() {
-    if (m_queryCursor == m_queryEnd) return SP_VekmsgElement_();
-    return subElementAt(m_queryCursor++);
+    return m_subElements.hasNext() ? SP_VekmsgElement_(m_subElements.next()) : SP_VekmsgElement_();
 }
 
 void VekmsgElementBinary_::endQuerySubelements() {
-    m_queryCursor = m_queryEnd;
+    m_subElements.endQuery();
 }
 
 bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, unsigned int& value) const {

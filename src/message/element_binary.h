@@ -1,10 +1,13 @@
 #ifndef VEKMSG_MESSAGE_ELEMENT_BINARY_H
 #define VEKMSG_MESSAGE_ELEMENT_BINARY_H
 
+#include <typeinfo>
+
 #include "foundation/free_list.h"
 #include "message/sub_elements.h"
 #include "vekmsg/element.h"
 
+struct ElementHeader_;
 class VekMessageBinary_;
 class VekmsgElementBinary_;
 using SP_VekmsgElementBinary_ = SmartPointer_<VekmsgElementBinary_>;
@@ -18,9 +21,25 @@ using SP_VekmsgElementBinary_ = SmartPointer_<VekmsgElementBinary_>;
 /// read, written, printed and destroyed by recursion: keep the stack frames of those operations small.
 class VekmsgElementBinary_ : public VekmsgElement_, public libcpp::FromFreeList_<VekmsgElementBinary_, 128> {
 public:
+    // The value storage stays as it is: clearing it would cost more than everything else that an element
+    // does.
     /// `p_message` is only remembered, never dereferenced: an element may outlive the message that made it.
-    VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message);
+    // cppcheck-suppress uninitMemberVar
+    VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message)
+        : m_p_message(p_message), m_tag(tag) {}
     ~VekmsgElementBinary_() override;
+
+    /// `removeRef` for many in a row. True when the element was destroyed and its memory is left to the
+    /// caller; one of a derived class takes its memory with it.
+    bool removeRefOnly() {
+        if (typeid(*this) != typeid(VekmsgElementBinary_)) {
+            removeRef();
+            return false;
+        }
+        if (!dropRef()) return false;
+        VekmsgElementBinary_::~VekmsgElementBinary_();
+        return true;
+    }
 
     VekmsgTag_ getTag() const override;
     bool getValue(unsigned int& value) const override;
@@ -91,6 +110,9 @@ private:
     /// Stores text from the wire up to its NUL, which need not be there.
     void storeReceivedText(const unsigned char* p_text, unsigned int length);
 
+    /// Stores text from the wire that has no NUL.
+    [[gnu::noinline]] void storeOpenText(const unsigned char* p_text, unsigned int length);
+
     /// Ends the text in the storage at its first zero byte, which may be the first one never written.
     void closeText();
 
@@ -107,9 +129,6 @@ private:
     /// The sub-element at the position, or null behind the last.
     SP_VekmsgElement_ subElementAt(SubElements_::Position_ position) const;
 
-    /// Adds it and lets a query that is under way go on where it is.
-    void insertSubElement(const SP_VekmsgElementBinary_& sp_element);
-
     /// Null when there was no such sub-element and none could be added.
     SP_VekmsgElement_ findOrAddSubElement(VekmsgTag_ tag);
 
@@ -119,7 +138,15 @@ private:
 
     unsigned int serializeValue(unsigned char* p_endOfFreespace, unsigned int freespaceSize) const;
 
-    // The stages of reading: the content item, and the sub-elements in it.
+    /// Stores a value from the wire of which nothing has to be said, as nearly all are. False, with nothing
+    /// changed, for any other.
+    bool storePlainValue(const ElementHeader_& header, const unsigned char* p_value);
+
+    /// Reads an element of exactly this class that has such a value, in few steps. 0, with nothing changed,
+    /// for any other, which `deserialize` has to read.
+    unsigned int deserializePlainValue(const unsigned char* p_bytestream, unsigned int bytestreamLength);
+
+    // The stages of reading: a content item that is no plain value, and the sub-elements in it.
     bool deserialize(const Item_& content);
     bool deserialize(const Item_& content, SubElements_& subElements);
 
@@ -132,13 +159,25 @@ private:
     VekmsgDataType_ m_type = VEKMSG_UNDEFINED;
     unsigned int m_valueLength = 0;
     SubElements_ m_subElements;
-    SubElements_::Position_ m_queryCursor = 0;
-    SubElements_::Position_ m_queryEnd = 0;
     unsigned int m_writtenSize = 0;  // up to here this element wrote into m_value; m_valueLength is within
 
     // Never cleared; bytes from m_writtenSize on count as zero. Last, so that a short value lies next to all
     // the rest.
     unsigned char m_value[VEKMSG_MAX_VALUE_SIZE];
 };
+
+inline bool SubElements_::isLess(const VekmsgElementBinary_* p_a, const VekmsgElementBinary_* p_b) {
+    return p_a != nullptr ? p_a->isLess(p_b) : p_b != nullptr;
+}
+
+inline void SubElements_::add(VekmsgElementBinary_* p_element) {
+    auto& elements = m_p_family->m_elements;
+    if (!elements.empty() && isLess(p_element, elements.back())) {
+        addInside(p_element);
+    } else {
+        if (hasNext()) keepQuery(elements.size());
+        elements.push_back(p_element);
+    }
+}
 
 #endif

@@ -1,5 +1,4 @@
 #include <cstring>
-#include <utility>
 
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
@@ -30,8 +29,8 @@ unsigned int VekmsgElementBinary_::valueSize() const {
     return m_type == VEKMSG_UINT ? kUintSize : m_valueLength;
 }
 
-unsigned int VekmsgElementBinary_::serialize(unsigned char* p_endOfFreespace,
-                                             unsigned int freespaceSize) const {
+[[gnu::hot]] unsigned int VekmsgElementBinary_::serialize(unsigned char* p_endOfFreespace,
+                                                          unsigned int freespaceSize) const {
     if (p_endOfFreespace == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::serialize() null p_endOfFreespace");
         return 0;
@@ -94,7 +93,7 @@ unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFr
     return header != 0 ? total + header : 0;
 }
 
-unsigned int VekmsgElementBinary_::getMaxSerializationSize() const {
+[[gnu::hot]] unsigned int VekmsgElementBinary_::getMaxSerializationSize() const {
     unsigned int size = 2 * VekMessageBinary_::getTtlvHeaderSize();
     switch (m_type) {
         case VEKMSG_UINT:
@@ -110,8 +109,8 @@ unsigned int VekmsgElementBinary_::getMaxSerializationSize() const {
     }
 }
 
-unsigned int VekmsgElementBinary_::deserialize(const unsigned char* p_bytestream,
-                                               unsigned int bytestreamLength) try {
+[[gnu::hot]] unsigned int VekmsgElementBinary_::deserialize(const unsigned char* p_bytestream,
+                                                            unsigned int bytestreamLength) try {
     m_type = VEKMSG_UNDEFINED;
     setTag(VEKMSGTAG_ANY);
     if (p_bytestream == nullptr) {
@@ -135,10 +134,11 @@ unsigned int VekmsgElementBinary_::deserialize(const unsigned char* p_bytestream
                                                   item.m_type, item.m_length, item.m_p_value);
     }
     const ElementHeader_ header = loadElementHeader(p_bytestream);
+    const unsigned char* p_value = p_bytestream + kElementHeaderSize;
     setTag(header.m_tag);
     m_type = header.m_type;
-    if (!deserialize(
-            {header.m_contentTag, header.m_type, header.m_length, p_bytestream + kElementHeaderSize})) {
+    if (!storePlainValue(header, p_value) &&
+        !deserialize({header.m_contentTag, header.m_type, header.m_length, p_value})) {
         fillRefusedValue();
         return 0;
     }
@@ -146,6 +146,37 @@ unsigned int VekmsgElementBinary_::deserialize(const unsigned char* p_bytestream
     return kElementHeaderSize + header.m_length;
 }
 VEKMSG_RETURN_ON_EXCEPTION(0)
+
+inline bool VekmsgElementBinary_::storePlainValue(const ElementHeader_& header,
+                                                  const unsigned char* p_value) {
+    if (header.m_contentTag != VEKMSGTAG_ELEMENT_CONTENT) return false;
+    switch (header.m_type) {
+        case VEKMSG_UINT:
+            if (header.m_length != kUintSize) return false;
+            store(p_value, kUintSize);
+            return true;
+        case VEKMSG_STRING:
+            if (header.m_length > VEKMSG_MAX_VALUE_SIZE) return false;
+            storeReceivedText(p_value, header.m_length);
+            return true;
+        case VEKMSG_BINARY:
+            if (header.m_length > VEKMSG_MAX_VALUE_SIZE) return false;
+            store(p_value, header.m_length);
+            return true;
+        default:
+            return false;
+    }
+}
+
+inline unsigned int VekmsgElementBinary_::deserializePlainValue(const unsigned char* p_bytestream,
+                                                                unsigned int bytestreamLength) {
+    if (!isWhole(p_bytestream, bytestreamLength)) return 0;
+    const ElementHeader_ header = loadElementHeader(p_bytestream);
+    if (!storePlainValue(header, p_bytestream + kElementHeaderSize)) return 0;
+    m_tag = header.m_tag;
+    m_type = header.m_type;
+    return kElementHeaderSize + header.m_length;
+}
 
 bool VekmsgElementBinary_::deserialize(const Item_& content) {
     if (content.m_tag != VEKMSGTAG_ELEMENT_CONTENT) {
@@ -169,25 +200,17 @@ bool VekmsgElementBinary_::deserialize(const Item_& content) {
             storeUint(lowUint(content.m_p_value, content.m_length));
             return true;
         case VEKMSG_STRING:
-            if (content.m_length > VEKMSG_MAX_VALUE_SIZE) {
-                VEKMSG_LOG_ERROR(
-                    "VekmsgElementBinary_::deserialize() tag %u of STRING type has a length %u exceeding the "
-                    "limit",
-                    m_tag, content.m_length);
-                return false;
-            }
-            storeReceivedText(content.m_p_value, content.m_length);
-            return true;
+            VEKMSG_LOG_ERROR(
+                "VekmsgElementBinary_::deserialize() tag %u of STRING type has a length %u exceeding the "
+                "limit",
+                m_tag, content.m_length);
+            return false;
         case VEKMSG_BINARY:
-            if (content.m_length > VEKMSG_MAX_VALUE_SIZE) {
-                VEKMSG_LOG_ERROR(
-                    "VekmsgElementBinary_::deserialize() tag %u of BINARY type has a length %u exceeding the "
-                    "limit",
-                    m_tag, content.m_length);
-                return false;
-            }
-            store(content.m_p_value, content.m_length);
-            return true;
+            VEKMSG_LOG_ERROR(
+                "VekmsgElementBinary_::deserialize() tag %u of BINARY type has a length %u exceeding the "
+                "limit",
+                m_tag, content.m_length);
+            return false;
         default:
             VEKMSG_LOG_ERROR("VekmsgElementBinary_::deserialize() tag %u has invalid data type %d", m_tag,
                              content.m_type);
@@ -205,9 +228,11 @@ bool VekmsgElementBinary_::deserialize(const Item_& content, SubElements_& subEl
             VEKMSG_LOG_ERROR("VekmsgElementBinary_::deserialize() createElement() returned invalid object");
             return false;
         }
-        const unsigned int consumed = sp_child->deserialize(p_rest, remaining);
+        unsigned int consumed = sp_child->deserializePlainValue(p_rest, remaining);
+        if (consumed == 0) consumed = sp_child->deserialize(p_rest, remaining);
         if (consumed == 0) return false;
-        subElements.insert(std::move(sp_child));
+        subElements.makeRoom();
+        subElements.add(sp_child.detach());
         p_rest += consumed;
         remaining -= consumed;
     } while (remaining >= VekMessageBinary_::getTtlvHeaderSize());

@@ -6,15 +6,15 @@
 #include "foundation/log_record.h"
 #include "foundation/text_room.h"
 
-VekMessageBinary_::VekMessageBinary_() = default;
+[[gnu::hot]] VekMessageBinary_::VekMessageBinary_() = default;
 
-VekMessageBinary_::~VekMessageBinary_() {
+[[gnu::hot]] VekMessageBinary_::~VekMessageBinary_() {
     keepRoomOf(m_destination);
     keepRoomOf(m_source);
     keepRoomOf(m_payloadSchema);
 }
 
-bool VekMessageBinary_::setDestination(const Utf8Char_* p_destinationName) try {
+[[gnu::hot]] bool VekMessageBinary_::setDestination(const Utf8Char_* p_destinationName) try {
     if (p_destinationName == nullptr) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::setDestination(): null p_destinationName");
         return false;
@@ -28,7 +28,7 @@ const Utf8Char_* VekMessageBinary_::getDestination() const {
     return m_destination.c_str();
 }
 
-bool VekMessageBinary_::setSource(const Utf8Char_* p_sourceName) try {
+[[gnu::hot]] bool VekMessageBinary_::setSource(const Utf8Char_* p_sourceName) try {
     if (p_sourceName == nullptr) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::setSource(): null p_sourceName");
         return false;
@@ -56,7 +56,7 @@ unsigned int VekMessageBinary_::getTimeToLive() const {
     return m_timeToLive;
 }
 
-bool VekMessageBinary_::setPayloadSchema(const Utf8Char_* p_schema, SchemaType_ schemaType) try {
+[[gnu::hot]] bool VekMessageBinary_::setPayloadSchema(const Utf8Char_* p_schema, SchemaType_ schemaType) try {
     if (p_schema == nullptr) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::setPayloadSchema(): null p_schema");
         return false;
@@ -80,7 +80,7 @@ bool VekMessageBinary_::hasGoodPayload() const {
     return !m_sp_rawPayload.isNull() && isValidTtlv(m_sp_rawPayload->data(), m_sp_rawPayload->dataLength());
 }
 
-SP_VekmsgElement_ VekMessageBinary_::getPayload() try {
+[[gnu::hot]] SP_VekmsgElement_ VekMessageBinary_::getPayload() try {
     if (!m_sp_payload.isNull() || m_sp_rawPayload.isNull()) return m_sp_payload;
 
     const SP_BasicBuffer_ sp_rawPayload = m_sp_rawPayload;
@@ -108,7 +108,7 @@ SP_BasicBuffer_ VekMessageBinary_::getRawPayload() const {
     return m_sp_rawPayload;
 }
 
-bool VekMessageBinary_::setPayload(SP_VekmsgElement_ sp_payload) {
+[[gnu::hot]] bool VekMessageBinary_::setPayload(SP_VekmsgElement_ sp_payload) {
     m_sp_payload.swap(sp_payload);
     m_sp_rawPayload.reset();
     return true;
@@ -120,13 +120,11 @@ bool VekMessageBinary_::setRawPayload(SP_BasicBuffer_ sp_rawPayload) {
     return true;
 }
 
-SP_VekmsgElement_ VekMessageBinary_::createElement(VekmsgTag_ tag) const {
+[[gnu::hot]] SP_VekmsgElement_ VekMessageBinary_::createElement(VekmsgTag_ tag) const {
     return createElement(tag, this);
 }
 
-SP_VekmsgElement_ VekMessageBinary_::createElement(VekmsgTag_ tag, const VekMessageBinary_* p_message) {
-    SP_VekmsgElement_ sp_element(new (std::nothrow) VekmsgElementBinary_(tag, p_message));
-    if (sp_element.isNull())
-        VEKMSG_LOG_ERROR("VekMessageBinary_::createElement() Can't create vekMessageBinary_");
-    return sp_element;
+SP_VekmsgElement_ VekMessageBinary_::createElement(NoMemory_) {
+    VEKMSG_LOG_ERROR("VekMessageBinary_::createElement() Can't create vekMessageBinary_");
+    return SP_VekmsgElement_();
 }

@@ -39,7 +39,10 @@ public:
 
     /// Makes the elements of `p_message`, which is not dereferenced: it may be gone. Null with a record when
     /// memory is short.
-    static SP_VekmsgElement_ createElement(VekmsgTag_ tag, const VekMessageBinary_* p_message);
+    static SP_VekmsgElement_ createElement(VekmsgTag_ tag, const VekMessageBinary_* p_message) {
+        auto* p_element = new (std::nothrow) VekmsgElementBinary_(tag, p_message);
+        return p_element != nullptr ? SP_VekmsgElement_(p_element) : createElement(NoMemory_());
+    }
 
     /// The exact size of the encoded form, or the largest number when there is none for it; a payload of a
     /// foreign class counts as nothing.
@@ -86,6 +89,10 @@ public:
     static bool printIndents(std::ostream* p_stream, unsigned int indent);
 
 private:
+    struct NoMemory_ {};
+
+    static SP_VekmsgElement_ createElement(NoMemory_);
+
     /// The payload, or null when it is of a foreign class.
     const VekmsgElementBinary_* binaryPayload() const;
     unsigned int headerSize() const;

@@ -108,7 +108,7 @@ unsigned int VekMessageBinary_::payloadSize() const {
     return m_sp_rawPayload.isNull() ? 0 : m_sp_rawPayload->dataLength();
 }
 
-unsigned int VekMessageBinary_::serialize(SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] unsigned int VekMessageBinary_::serialize(SP_BasicBuffer_& sp_buffer) {
     if (!m_sp_payload.isNull() && !m_sp_rawPayload.isNull()) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::serialize() dual payloads");
         return 0;
@@ -144,7 +144,7 @@ bool VekMessageBinary_::canReuseRawPayload(unsigned int size) const {
            m_sp_rawPayload->headerRoom() >= size - m_sp_rawPayload->dataLength();
 }
 
-bool VekMessageBinary_::serialize(unsigned int size, SP_BasicBuffer_& sp_buffer) const {
+[[gnu::hot]] bool VekMessageBinary_::serialize(unsigned int size, SP_BasicBuffer_& sp_buffer) const {
     unsigned int capacity = size + kBlockHeaderRoom;
     if (capacity > kEncodingLimit) {
         VEKMSG_LOG_ERROR("Message (%s -> %s) size %u exceeds the encoding limit", printable(m_source),
@@ -183,7 +183,7 @@ bool VekMessageBinary_::prependRawPayload(BasicBuffer_& buffer) const {
     return true;
 }
 
-unsigned int VekMessageBinary_::serialize(unsigned int size, BasicBuffer_& buffer) const {
+[[gnu::hot]] unsigned int VekMessageBinary_::serialize(unsigned int size, BasicBuffer_& buffer) const {
     const VekmsgElementBinary_* p_payload = binaryPayload();
     if (p_payload == nullptr) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::serialize() invalid vekMessageBinary_");
@@ -199,7 +199,7 @@ unsigned int VekMessageBinary_::serialize(unsigned int size, BasicBuffer_& buffe
     return written;
 }
 
-unsigned int VekMessageBinary_::prependHeader(BasicBuffer_& buffer) const {
+[[gnu::hot]] unsigned int VekMessageBinary_::prependHeader(BasicBuffer_& buffer) const {
     const unsigned int size = headerSize();
     buffer.extendDataIntoHeader(static_cast<int>(size));
     ItemWriter_ items(buffer.data());
@@ -210,7 +210,7 @@ unsigned int VekMessageBinary_::prependHeader(BasicBuffer_& buffer) const {
     return size;
 }
 
-unsigned int VekMessageBinary_::deserialize(SP_BasicBuffer_ sp_buffer) try {
+[[gnu::hot]] unsigned int VekMessageBinary_::deserialize(SP_BasicBuffer_ sp_buffer) try {
     if (sp_buffer.isNull()) {
         VEKMSG_LOG_ERROR("VekMessageBinary_::deserialize() null sp_buffer");
         return 0;
@@ -226,7 +226,7 @@ unsigned int VekMessageBinary_::deserialize(SP_BasicBuffer_ sp_buffer) try {
 }
 VEKMSG_RETURN_ON_EXCEPTION(0)
 
-unsigned int VekMessageBinary_::deserialize(const unsigned char* p_bytes, unsigned int length) {
+[[gnu::hot]] unsigned int VekMessageBinary_::deserialize(const unsigned char* p_bytes, unsigned int length) {
     ItemReader_ item(p_bytes, length);
     if (!item.next()) return 0;
     if (item.tag() != VEKMSGTAG_DESTINATION_NAME) {

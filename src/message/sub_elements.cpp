@@ -4,36 +4,24 @@
 
 #include "message/element_binary.h"
 
-namespace {
-
-bool isLess(const VekmsgElementBinary_* p_a, const VekmsgElementBinary_* p_b) {
-    return p_a != nullptr ? p_a->isLess(p_b) : p_b != nullptr;
-}
-
-}  // namespace
-
 void SubElements_::release() {
-    for (VekmsgElementBinary_* p_element : m_elements)
-        if (p_element != nullptr) p_element->removeRef();
-}
-
-SubElements_::Position_ SubElements_::insert(SP_VekmsgElementBinary_ sp_element) {
-    if (m_elements.size() == m_elements.capacity()) grow();
-    VekmsgElementBinary_* p_element = sp_element.detach();
-    if (!m_elements.empty() && isLess(p_element, m_elements.back())) return insertInside(p_element);
-    m_elements.push_back(p_element);
-    return m_elements.size() - 1;
-}
-
-SubElements_::Position_ SubElements_::insertInside(VekmsgElementBinary_* p_element) {
-    const Position_ position = upperBound(p_element);
-    m_elements.insert(m_elements.begin() + static_cast<std::ptrdiff_t>(position), p_element);
-    return position;
+    const VekmsgElementBinary_::List_<>::OfThisThread_ memory;
+    for (VekmsgElementBinary_* p_element : m_p_family->m_elements)
+        if (p_element != nullptr && p_element->removeRefOnly()) memory.give(p_element);
+    delete m_p_family;
 }
 
 // All these sizes are on the free lists.
 void SubElements_::grow() {
-    m_elements.reserve(std::max(2 * m_elements.size(), Allocator_::kSmallestArray));
+    if (m_p_family == nullptr) m_p_family = new Family_;
+    m_p_family->m_elements.reserve(std::max(2 * m_p_family->m_elements.size(), Allocator_::kSmallestArray));
+}
+
+void SubElements_::addInside(VekmsgElementBinary_* p_element) {
+    const Position_ position = upperBound(p_element);
+    auto& elements = m_p_family->m_elements;
+    elements.insert(elements.begin() + static_cast<std::ptrdiff_t>(position), p_element);
+    keepQuery(position);
 }
 
 SubElements_::Position_ SubElements_::lowerBound(const VekmsgElementBinary_* p_probe) const {

@@ -81,10 +81,10 @@ unsigned int VekMessageBinary_::deserializeTtlvHeader(const unsigned char* p_byt
     return kTtlvHeaderSize;
 }
 
-unsigned int VekMessageBinary_::deserializeTtlv(const unsigned char* p_bytestream,
-                                                unsigned int bytestreamLength, VekmsgTag_& tag,
-                                                VekmsgDataType_& type, unsigned int& length,
-                                                const unsigned char*& p_value) {
+[[gnu::hot]] unsigned int VekMessageBinary_::deserializeTtlv(const unsigned char* p_bytestream,
+                                                             unsigned int bytestreamLength, VekmsgTag_& tag,
+                                                             VekmsgDataType_& type, unsigned int& length,
+                                                             const unsigned char*& p_value) {
     tag = VEKMSGTAG_ANY;
     p_value = nullptr;
     length = 0;

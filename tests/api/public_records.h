@@ -57,9 +57,9 @@ inline Record_ ofMessage(const std::string& signature, const std::string& text) 
     return messageRecord(3, signature, text);
 }
 
-inline const Record_ kNoElement = ofMessage(
-    "static SP_VekmsgElement_ VekMessageBinary_::createElement(VekmsgTag_, const VekMessageBinary_*)",
-    "VekMessageBinary_::createElement() Can't create vekMessageBinary_");
+inline const Record_ kNoElement =
+    ofMessage("static SP_VekmsgElement_ VekMessageBinary_::createElement(NoMemory_)",
+              "VekMessageBinary_::createElement() Can't create vekMessageBinary_");
 inline const Record_ kNoDestination =
     ofMessage("virtual bool VekMessageBinary_::setDestination(const Utf8Char_*)",
               "VekMessageBinary_::setDestination(): null p_destinationName");

@@ -237,10 +237,10 @@ TEST(FreeListAllocator, withoutMemoryItThrowsAsContainersExpect) {
     });
 }
 
-TEST(FreeListAllocator, arraysOfEightToOneHundredAndTwentyEightAreTakenAgain) {
+TEST(FreeListAllocator, arraysOfSixteenToOneHundredAndTwentyEightAreTakenAgain) {
     inFreshThread([] {
         libcpp::FreeListAllocator_<int> allocator;
-        for (const std::size_t count : {8U, 16U, 32U, 64U, 128U}) {
+        for (const std::size_t count : {16U, 32U, 64U, 128U}) {
             allocator.deallocate(allocator.allocate(count), count);
 
             const unsigned long allocations =
@@ -268,7 +268,7 @@ TEST(FreeListAllocator, thirtyTwoArraysOfEachSizeAreKept) {
 TEST(FreeListAllocator, arraysOfOtherSizesComeFromTheHeap) {
     inFreshThread([] {
         libcpp::FreeListAllocator_<int> allocator;
-        for (const std::size_t count : {2U, 5U, 12U, 129U, 256U}) {
+        for (const std::size_t count : {2U, 5U, 8U, 129U, 256U}) {
             int* p_numbers = nullptr;
 
             EXPECT_EQ(allocationsOf([&] { p_numbers = allocator.allocate(count); }), 1U) << count;
@@ -281,7 +281,7 @@ TEST(FreeListAllocator, arraysOfOtherSizesComeFromTheHeap) {
 TEST(FreeListAllocator, anArrayWithoutMemoryThrows) {
     inFreshThread([] {
         libcpp::FreeListAllocator_<int> allocator;
-        for (const std::size_t count : {8U, 129U}) {
+        for (const std::size_t count : {16U, 129U}) {
             const AllocationFailure_ failure(1);
             EXPECT_THROW(allocator.allocate(count), std::bad_alloc) << count;
         }

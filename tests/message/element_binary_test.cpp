@@ -681,7 +681,7 @@ TEST_F(VekmsgElementBinary, settingASubElementSurvivesEveryFailedAllocation) {
         return hasStruck;
     });
 
-    EXPECT_EQ(failures, 2U);  // the sub-element and its place in the tree
+    EXPECT_EQ(failures, 3U);  // the sub-element, and the two blocks of its place in the tree
     EXPECT_EQ(m_records.take(), Records_{kCantCreate});
 }
 

@@ -508,7 +508,7 @@ TEST_F(ElementCodec, readingSurvivesEveryFailedAllocation) {
         return hasStruck;
     });
 
-    EXPECT_EQ(failures, 5U);  // three sub-elements, and room for those of two
+    EXPECT_EQ(failures, 7U);  // three sub-elements, and two blocks for those of each of two
     const Records_ noChild{
         kCantCreate, error(kDeserializeSubElements,
                            "VekmsgElementBinary_::deserialize() createElement() returned invalid object")};

@@ -123,9 +123,8 @@ Record_ warning(const std::string& signature, const std::string& text) {
     return Record_(4, "vekmsg_binary.cpp", signature, text);
 }
 
-const Record_ kCantCreate =
-    error("static SP_VekmsgElement_ VekMessageBinary_::createElement(VekmsgTag_, const VekMessageBinary_*)",
-          "VekMessageBinary_::createElement() Can't create vekMessageBinary_");
+const Record_ kCantCreate = error("static SP_VekmsgElement_ VekMessageBinary_::createElement(NoMemory_)",
+                                  "VekMessageBinary_::createElement() Can't create vekMessageBinary_");
 
 #ifdef __clang__  // spells out where a nested type belongs
 const char* const kDeserializeSubElements =

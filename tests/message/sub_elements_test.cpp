@@ -15,10 +15,14 @@ namespace {
 
 using Multiset_ = std::multiset<SP_VekmsgElementBinary_, libcpp::IsLess_<SP_VekmsgElementBinary_>>;
 
+void add(SubElements_& children, SP_VekmsgElementBinary_ sp_child) {
+    children.makeRoom();
+    children.add(sp_child.detach());
+}
+
 class SubElements : public RecordingTest_ {
 protected:
-    /// Adds one and returns where it stands.
-    SubElements_::Position_ add(VekmsgTag_ tag) { return m_children.insert(newElement(tag)); }
+    void add(VekmsgTag_ tag) { ::add(m_children, newElement(tag)); }
 
     std::vector<VekmsgTag_> tags() const {
         std::vector<VekmsgTag_> found;
@@ -40,12 +44,8 @@ TEST_F(SubElements, areNoneAtFirst) {
     EXPECT_EQ(m_children.upperBound(newElement(5).get()), 0U);
 }
 
-TEST_F(SubElements, insertingTellsWhereTheNewOneStands) {
-    EXPECT_EQ(add(20), 0U);
-    EXPECT_EQ(add(40), 1U);
-    EXPECT_EQ(add(10), 0U);
-    EXPECT_EQ(add(20), 2U);
-    EXPECT_EQ(add(30), 3U);
+TEST_F(SubElements, standInTheOrderOfTheirTags) {
+    for (const VekmsgTag_ tag : {20U, 40U, 10U, 20U, 30U}) add(tag);
     EXPECT_EQ(tags(), (Tags_{10, 20, 20, 30, 40}));
 }
 
@@ -61,8 +61,8 @@ TEST_F(SubElements, theBoundsOfATagEncloseThoseThatHaveIt) {
 
 TEST_F(SubElements, nullStandsBeforeAllOthers) {
     add(1);
-    EXPECT_EQ(m_children.insert(SP_VekmsgElementBinary_()), 0U);
-    EXPECT_EQ(m_children.insert(SP_VekmsgElementBinary_()), 1U);
+    ::add(m_children, SP_VekmsgElementBinary_());
+    ::add(m_children, SP_VekmsgElementBinary_());
     add(1);
     EXPECT_EQ(tags(), (Tags_{VEKMSGTAG_ANY, VEKMSGTAG_ANY, 1, 1}));
     EXPECT_EQ(m_children.lowerBound(newElement(1).get()), 2U);
@@ -75,9 +75,8 @@ TEST_F(SubElements, anyOrderOfAddingGivesTheOrderOfASortedSet) {
         Multiset_ expected;
         for (unsigned int i = 0; i < 1 + seed; ++i) {
             const SP_VekmsgElementBinary_ sp_child = newElement(random() % 20 + 1);
-            const auto place = expected.insert(sp_child);
-            EXPECT_EQ(children.insert(sp_child),
-                      static_cast<std::size_t>(std::distance(expected.begin(), place)));
+            expected.insert(sp_child);
+            ::add(children, sp_child);
         }
         ASSERT_EQ(children.size(), expected.size());
         EXPECT_TRUE(std::equal(children.begin(), children.end(), expected.begin(),
@@ -88,13 +87,60 @@ TEST_F(SubElements, anyOrderOfAddingGivesTheOrderOfASortedSet) {
     }
 }
 
+// What a query is: two iterators of a sorted set, which stay where they are while others are added.
+TEST_F(SubElements, aQueryGoesOnAsIteratorsOfASortedSetWould) {
+    for (unsigned int seed = 0; seed < 500; ++seed) {
+        std::minstd_rand random(seed);
+        SubElements_ children;
+        Multiset_ expected;
+        auto cursor = expected.end();
+        auto end = expected.end();
+        for (unsigned int step = 0; step < 80; ++step) {
+            const SP_VekmsgElementBinary_ sp_one = newElement(random() % 10 + 1);
+            switch (random() % 5) {
+                case 0:
+                    cursor = expected.lower_bound(sp_one);
+                    end = expected.upper_bound(sp_one);
+                    children.startQuery(children.lowerBound(sp_one.get()), children.upperBound(sp_one.get()));
+                    break;
+                case 1:
+                    cursor = expected.begin();
+                    end = expected.end();
+                    children.startQuery(0, children.size());
+                    break;
+                case 2:
+                    expected.insert(sp_one);
+                    ::add(children, sp_one);
+                    break;
+                case 3:
+                    if (random() % 8 != 0) break;
+                    cursor = end;
+                    children.endQuery();
+                    break;
+                default:
+                    ASSERT_EQ(children.hasNext(), cursor != end) << "seed " << seed << " step " << step;
+                    if (cursor == end) break;
+                    ASSERT_EQ(children.next(), cursor->get()) << "seed " << seed << " step " << step;
+                    ++cursor;
+            }
+        }
+    }
+}
+
+TEST_F(SubElements, withoutAnyAQueryHasNothing) {
+    m_children.startQuery(0, 0);
+    EXPECT_FALSE(m_children.hasNext());
+    m_children.endQuery();
+    EXPECT_FALSE(m_children.hasNext());
+}
+
 TEST_F(SubElements, anElementGoesWithTheLastThatSharesIt) {
     const long before = liveAllocations();
     inFreshThread([] {
         SP_VekmsgElementBinary_ sp_child = newElement(1);
         SubElements_ children;
-        children.insert(sp_child);
-        children.insert(sp_child);
+        ::add(children, sp_child);
+        ::add(children, sp_child);
         sp_child.reset();
         EXPECT_EQ(children[0], children[1]);
         EXPECT_EQ(children[0]->getTag(), 1U);
@@ -104,13 +150,14 @@ TEST_F(SubElements, anElementGoesWithTheLastThatSharesIt) {
 
 TEST_F(SubElements, withoutMemoryNothingIsAdded) {
     add(10);
-    for (unsigned int i = 1; i < 8; ++i) add(20);  // no room for more
+    for (unsigned int i = 1; i < 16; ++i) add(20);  // no room for more
     const SP_VekmsgElementBinary_ sp_more = newElement(5);
     {
         const AllocationFailure_ failure(1);
-        EXPECT_THROW(m_children.insert(sp_more), std::bad_alloc);
+        EXPECT_THROW(m_children.makeRoom(), std::bad_alloc);
         EXPECT_TRUE(failure.hasStruck());
     }
-    EXPECT_EQ(m_children.size(), 8U);
-    EXPECT_EQ(m_children.insert(sp_more), 0U);
+    EXPECT_EQ(m_children.size(), 16U);
+    ::add(m_children, sp_more);
+    EXPECT_EQ(m_children[0], sp_more.get());
 }

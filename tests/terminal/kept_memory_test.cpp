@@ -68,6 +68,13 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Kind_{"Buffer", 256, [] { return owned(new BasicBuffer_(9400)); }, 2},
         Kind_{"Element", 128, [] { return owned(new VekmsgElementBinary_(1, nullptr)); }},
+        Kind_{"Family", 32,
+              [] {
+                  const auto sp_family = std::make_shared<SubElements_>();
+                  sp_family->makeRoom();
+                  return Object_(sp_family);
+              },
+              2},
         Kind_{"Message", 256, [] { return owned(new VekMessageBinary_); }},
         Kind_{"Connection", 16, [] { return owned(new VekmsgConnection_); }},
         Kind_{"Name", 64,
