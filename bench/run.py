@@ -38,6 +38,7 @@ PEER_PROGRAMS = [
     Program("Cap'n Proto", "peers/capnproto_transfer", []),
     Program("MQTT", "peers/mqtt_transfer", []),
 ]
+WHOLE_MESSAGE = f"{LIBRARY}, whole message"
 CODECS = {LIBRARY: "vekmsg_codec", "protobuf": "peers/protobuf_codec", "msgpack": "peers/msgpack_codec",
           "Cap'n Proto": "peers/capnproto_codec", "FlatBuffers": "peers/flatbuffers_codec"}
 PAYLOADS = ("one number", "ten leaves", "hundred leaves")
@@ -212,7 +213,8 @@ def measure_codecs(runner, rounds):
                 if entry.get("error_occurred"):
                     sys.exit(f"{executable}: {entry['error_message']}")
                 operation, payload = entry["name"].split("/")
-                key = operation, PAYLOADS[int(payload)], name
+                codec = WHOLE_MESSAGE if operation.endswith("Message") else name
+                key = operation.removesuffix("Message"), PAYLOADS[int(payload)], codec
                 times[key].append(entry["cpu_time"])
                 facts[key] = {"bytes": entry["bytes"], "allocations": entry["allocations"]}
     rows = []
