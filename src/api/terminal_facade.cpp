@@ -46,7 +46,7 @@ void VekmsgTerminal_::close() {
     m_p_implementation = nullptr;
 }
 
-bool VekmsgTerminal_::createMessage(SmartPointer_<VekMessage_>& sp_message) {
+[[gnu::hot]] bool VekmsgTerminal_::createMessage(SmartPointer_<VekMessage_>& sp_message) {
     if (m_p_implementation == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgTerminal_::createMessage() not open yet");
         return false;
@@ -54,7 +54,7 @@ bool VekmsgTerminal_::createMessage(SmartPointer_<VekMessage_>& sp_message) {
     return m_p_implementation->createMessage(sp_message);
 }
 
-bool VekmsgTerminal_::sendMessage(SmartPointer_<VekMessage_> sp_message) {
+[[gnu::hot]] bool VekmsgTerminal_::sendMessage(SmartPointer_<VekMessage_> sp_message) {
     if (m_p_implementation == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgTerminal_::sendMessage() not open yet");
         return false;
@@ -62,7 +62,7 @@ bool VekmsgTerminal_::sendMessage(SmartPointer_<VekMessage_> sp_message) {
     return m_p_implementation->sendMessage(std::move(sp_message));
 }
 
-bool VekmsgTerminal_::receiveMessage(SmartPointer_<VekMessage_>& sp_message) {
+[[gnu::hot]] bool VekmsgTerminal_::receiveMessage(SmartPointer_<VekMessage_>& sp_message) {
     if (m_p_implementation == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgTerminal_::receiveMessage() not open yet");
         return false;
@@ -78,7 +78,7 @@ bool VekmsgTerminal_::isConnected(const unsigned char* p_componentName) const {
     return m_p_implementation->isConnected(p_componentName);
 }
 
-VekmsgTerminal_::WaitResult_ VekmsgTerminal_::waitForMessage(unsigned int timeout) {
+[[gnu::hot]] VekmsgTerminal_::WaitResult_ VekmsgTerminal_::waitForMessage(unsigned int timeout) {
     if (m_p_implementation == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgTerminal_::waitForMessage() not open yet");
         return WAIT_ERROR;

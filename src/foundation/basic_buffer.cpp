@@ -18,7 +18,7 @@ using ObjectMemory_ = FromFreeList_<BasicBuffer_, 256>;
 
 }  // namespace
 
-BasicBuffer_::BasicBuffer_(unsigned int capacity) {
+[[gnu::hot]] BasicBuffer_::BasicBuffer_(unsigned int capacity) {
     if (capacity == 0) return;
     m_storageSize = capacity <= kPooledStorage ? kPooledStorage : capacity;
     void* p_storage = m_storageSize == kPooledStorage ? StorageList_::take() : takeFromHeap(capacity);
@@ -26,7 +26,7 @@ BasicBuffer_::BasicBuffer_(unsigned int capacity) {
     if (m_p_storage != nullptr) m_capacity = capacity;
 }
 
-BasicBuffer_::~BasicBuffer_() {
+[[gnu::hot]] BasicBuffer_::~BasicBuffer_() {
     if (m_storageSize == kPooledStorage) {
         StorageList_::give(m_p_storage);
     } else {

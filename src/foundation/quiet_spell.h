@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "foundation/thread_access.h"
+
 // One poll tells of any number of descriptors that a call on them would find nothing, at the price of one
 // such call. That knowledge is good for a spell: from the poll until anything happens that could make it
 // untrue before the call returns which made the poll. Whoever learns that a descriptor is quiet keeps the
@@ -20,17 +22,32 @@
 /// No number of a spell.
 constexpr std::uint64_t kNoQuietSpell = 0;
 
+/// The spells of this thread.
+struct QuietSpells_ {
+    std::uint64_t m_current;
+    std::uint64_t m_next;  // numbers from here on are the thread's
+    std::uint64_t m_end;
+};
+
+[[gnu::hot, gnu::const]] VEKMSG_THREAD_ACCESS QuietSpells_& threadQuietSpells();
+
 /// The number of the spell of this thread, or kNoQuietSpell.
-std::uint64_t quietSpell();
+inline std::uint64_t quietSpell() {
+    return threadQuietSpells().m_current;
+}
 
 /// A number for a spell of this thread that may begin, which no other spell of the process has or will have;
 /// kNoQuietSpell where there are no spells.
 std::uint64_t takeQuietSpell();
 
 /// To be called right after the poll.
-void beginQuietSpell(std::uint64_t number);
+inline void beginQuietSpell(std::uint64_t number) {
+    threadQuietSpells().m_current = number;
+}
 
-void endQuietSpell();
+inline void endQuietSpell() {
+    beginQuietSpell(kNoQuietSpell);
+}
 
 /// Ends the spell of a public call together with the call.
 struct QuietSpellEnd_ {

@@ -48,18 +48,23 @@ Utf8String_ takeRoom(std::size_t length) noexcept {
     return room;
 }
 
-}  // namespace
-
-void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
-    if (length <= text.capacity()) {
-        // The text of a new message is empty, and what is appended cannot overlap: that is found out faster.
-        text.empty() ? text.append(p_bytes, length) : text.assign(p_bytes, length);
-        return;
-    }
+[[gnu::noinline]] void assignLongText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
     Utf8String_ room = takeRoom(length);
     room.assign(p_bytes, length);
     text.swap(room);
     keepRoomOf(room);
+}
+
+}  // namespace
+
+[[gnu::hot]] void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
+    if (length > text.capacity()) {
+        assignLongText(text, p_bytes, length);
+    } else if (text.empty()) {
+        text.append(p_bytes, length);  // a new message's; what is appended cannot overlap, which is faster
+    } else {
+        text.assign(p_bytes, length);
+    }
 }
 
 void keepRoom(Utf8String_& text) noexcept {

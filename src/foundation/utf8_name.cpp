@@ -16,7 +16,7 @@ public:
         if (length != 0) assignText(m_text, p_text, length);
         m_p_object = &m_text;
     }
-    ~NameHolder_() override {
+    [[gnu::hot]] ~NameHolder_() override {
         m_p_object = nullptr;  // the string is a member: the base must not free it
         keepRoomOf(m_text);
     }
@@ -27,7 +27,7 @@ private:
 
 }  // namespace
 
-SP_Utf8String_ createUtf8String(const Utf8Char_* p_text, std::size_t length) try {
+[[gnu::hot]] SP_Utf8String_ createUtf8String(const Utf8Char_* p_text, std::size_t length) try {
     return SP_Utf8String_::adopt(new (std::nothrow) NameHolder_(p_text, length));
 } catch (const std::exception&) {
     return SP_Utf8String_();

@@ -2,6 +2,7 @@
 #define VEKMSG_FOUNDATION_UTF8_NAME_H
 
 #include <cstddef>
+#include <cstring>
 
 #include "libcpp/utf8_string.h"
 
@@ -16,6 +17,11 @@ inline SP_Utf8String_ createUtf8String(const Utf8Char_* p_text) {
 /// A new, empty shared string.
 inline SP_Utf8String_ createUtf8String() {
     return createUtf8String(nullptr, 0);
+}
+
+/// Whether two texts that end at their NUL are the same. Most that are not differ at once.
+inline bool isSameText(const char* p_a, const char* p_b) {
+    return *p_a == *p_b && std::strcmp(p_a, p_b) == 0;
 }
 
 #endif

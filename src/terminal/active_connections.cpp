@@ -8,7 +8,8 @@ using IsLess_ = libcpp::IsLess_<SP_VekmsgConnection_>;
 
 }  // namespace
 
-ActiveConnections_::iterator ActiveConnections_::find(const SP_VekmsgConnection_& sp_connection) const {
+[[gnu::hot]] ActiveConnections_::iterator ActiveConnections_::find(
+    const SP_VekmsgConnection_& sp_connection) const {
     const iterator found = std::lower_bound(begin(), end(), sp_connection, IsLess_());
     const bool isThere = found != end() && !IsLess_()(sp_connection, *found);
     return isThere ? found : end();
@@ -23,5 +24,6 @@ std::pair<ActiveConnections_::iterator, bool> ActiveConnections_::insert(
     const SP_VekmsgConnection_& sp_connection) {
     const iterator behind = upper_bound(sp_connection);
     if (behind != begin() && !IsLess_()(*(behind - 1), sp_connection)) return {behind - 1, false};
+    ++m_changes;
     return {m_connections.insert(behind, sp_connection), true};
 }

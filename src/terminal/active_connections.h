@@ -32,12 +32,22 @@ public:
     std::pair<iterator, bool> insert(const SP_VekmsgConnection_& sp_connection);
 
     /// The one behind.
-    iterator erase(iterator position) { return m_connections.erase(position); }
+    iterator erase(iterator position) {
+        ++m_changes;
+        return m_connections.erase(position);
+    }
 
-    void clear() { m_connections.clear(); }
+    void clear() {
+        ++m_changes;
+        m_connections.clear();
+    }
+
+    /// While this number stays, iterators are good.
+    unsigned int changes() const { return m_changes; }
 
 private:
     Connections_ m_connections;
+    unsigned int m_changes = 0;
 };
 
 #endif

@@ -7,8 +7,8 @@
 #include "foundation/log_record.h"
 #include "foundation/utf8_name.h"
 
-VekmsgConnection_::VekmsgConnection_() = default;
-VekmsgConnection_::~VekmsgConnection_() = default;
+[[gnu::hot]] VekmsgConnection_::VekmsgConnection_() = default;
+[[gnu::hot]] VekmsgConnection_::~VekmsgConnection_() = default;
 
 bool VekmsgConnection_::setMyName(SP_Utf8String_ sp_myName) {
     if (!sp_myName) {
@@ -99,8 +99,8 @@ bool VekmsgConnection_::sendMyName() {
     return true;
 }
 
-bool VekmsgConnection_::startReceiving(SP_BasicBuffer_ sp_buffer, unsigned int size,
-                                       ConnectionState_ nextState) {
+[[gnu::hot]] bool VekmsgConnection_::startReceiving(SP_BasicBuffer_ sp_buffer, unsigned int size,
+                                                    ConnectionState_ nextState) {
     if (m_connectionState == STATE_FAILED) return true;
     if (!sp_buffer) {
         sp_buffer = new (std::nothrow) BasicBuffer_(kBlockBufferSize);
@@ -121,7 +121,7 @@ bool VekmsgConnection_::startReceiving(SP_BasicBuffer_ sp_buffer, unsigned int s
     return true;
 }
 
-bool VekmsgConnection_::processPollEvents(bool& hasMessages) try {
+[[gnu::hot]] bool VekmsgConnection_::processPollEvents(bool& hasMessages) try {
     hasMessages = false;
     if (!m_sp_socket) {
         VEKMSG_LOG_ERROR("VekmsgConnection_::processPollEvents() Can't process without a socket");
@@ -242,7 +242,7 @@ bool VekmsgConnection_::processPollEvents(Name_, SP_BasicBuffer_& sp_buffer) {
     return true;
 }
 
-bool VekmsgConnection_::processPollEvents(Header_, SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] bool VekmsgConnection_::processPollEvents(Header_, SP_BasicBuffer_& sp_buffer) {
     extractEncodingHeader(sp_buffer);
     if (m_connectionState == STATE_FAILED) return true;
     const bool isTooLong = m_blockLength > kLongestMessage;
@@ -264,7 +264,7 @@ bool VekmsgConnection_::processPollEvents(Header_, SP_BasicBuffer_& sp_buffer) {
     return true;
 }
 
-bool VekmsgConnection_::processPollEvents(Payload_, SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] bool VekmsgConnection_::processPollEvents(Payload_, SP_BasicBuffer_& sp_buffer) {
     unsigned char* p_payload = nullptr;
     extractEncodingPayload(sp_buffer, p_payload);
     if (m_connectionState == STATE_FAILED) return true;
@@ -280,7 +280,7 @@ bool VekmsgConnection_::processPollEvents(Payload_, SP_BasicBuffer_& sp_buffer) 
     return true;
 }
 
-bool VekmsgConnection_::queueReceivedBlock(SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] bool VekmsgConnection_::queueReceivedBlock(SP_BasicBuffer_& sp_buffer) {
     const SP_BasicBuffer_ sp_block = sp_buffer;
     m_receivedBuffers.push_back(sp_block);
     const unsigned int blockSize = m_decodeOffset;
@@ -294,8 +294,8 @@ bool VekmsgConnection_::queueReceivedBlock(SP_BasicBuffer_& sp_buffer) {
     return isMoved;
 }
 
-void VekmsgConnection_::receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size,
-                                    ConnectionState_ nextState) {
+[[gnu::hot]] void VekmsgConnection_::receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size,
+                                                 ConnectionState_ nextState) {
     if (m_connectionState != STATE_FAILED && isWholeUnitIn(*sp_buffer, size, nextState)) {
         m_sp_wholeUnit = sp_buffer;
         m_connectionState = nextState;
@@ -311,7 +311,7 @@ bool VekmsgConnection_::isWholeUnitIn(const BasicBuffer_& buffer, unsigned int s
     return unread >= size && (isPayload || unread >= getEncodingBlockHeaderSize());
 }
 
-bool VekmsgConnection_::receiveEncodedMessage(SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] bool VekmsgConnection_::receiveEncodedMessage(SP_BasicBuffer_& sp_buffer) {
     sp_buffer.reset();
     bool hasMessages = hasReceived();
     if (!hasMessages && !processPollEvents(hasMessages)) return false;
@@ -328,7 +328,7 @@ void VekmsgConnection_::putBackReceived(SP_BasicBuffer_ sp_buffer) try {
     throw;
 }
 
-bool VekmsgConnection_::sendEncodedMessage(SP_BasicBuffer_ sp_buffer) try {
+[[gnu::hot]] bool VekmsgConnection_::sendEncodedMessage(SP_BasicBuffer_ sp_buffer) try {
     const bool isNext = m_sendQueue.empty() && m_connectionState != STATE_SENDING_NAME && canWrite();
     if (isNext && takes(sp_buffer)) return true;
     m_sendQueue.push_back(std::move(sp_buffer));
@@ -339,7 +339,7 @@ bool VekmsgConnection_::sendEncodedMessage(SP_BasicBuffer_ sp_buffer) try {
     throw;
 }
 
-bool VekmsgConnection_::sendQueuedBuffers() {
+[[gnu::hot]] bool VekmsgConnection_::sendQueuedBuffers() {
     if (m_connectionState == STATE_SENDING_NAME) {
         if (!sendMyName()) return false;
         if (m_connectionState == STATE_SENDING_NAME) return true;
@@ -353,7 +353,7 @@ bool VekmsgConnection_::canWrite() const {
     return m_connectionState != STATE_FAILED && m_sp_socket && !m_sp_socket->isSendDataPending();
 }
 
-bool VekmsgConnection_::takes(const SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] bool VekmsgConnection_::takes(const SP_BasicBuffer_& sp_buffer) {
     const VekSocket_::SendResult_ result = m_sp_socket->send(sp_buffer);
     if (result == VekSocket_::SEND_FAILED) m_connectionState = STATE_FAILED;
     return result == VekSocket_::SEND_OK;
@@ -385,7 +385,7 @@ bool VekmsgConnection_::isConnected() const {
     return isFunctional() && m_sp_socket->isConnected();
 }
 
-bool VekmsgConnection_::isLess(const VekmsgConnection_* p_connection) const {
+[[gnu::hot]] bool VekmsgConnection_::isLess(const VekmsgConnection_* p_connection) const {
     if (p_connection == nullptr || !p_connection->m_sp_peerName) return false;
     return !m_sp_peerName || *m_sp_peerName < *p_connection->m_sp_peerName;
 }

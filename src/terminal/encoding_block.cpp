@@ -21,7 +21,7 @@ unsigned int VekmsgConnection_::readEncodingBlockHeader(const unsigned char* p_h
     return getEncodingBlockHeaderSize();
 }
 
-bool VekmsgConnection_::extractEncodingHeader(SP_BasicBuffer_ sp_buffer) {
+[[gnu::hot]] bool VekmsgConnection_::extractEncodingHeader(SP_BasicBuffer_ sp_buffer) {
     const unsigned int dataLength = sp_buffer->dataLength();
     if (m_decodeOffset > dataLength) {
         VEKMSG_LOG_ERROR(
@@ -40,7 +40,8 @@ bool VekmsgConnection_::extractEncodingHeader(SP_BasicBuffer_ sp_buffer) {
     return true;
 }
 
-bool VekmsgConnection_::extractEncodingPayload(SP_BasicBuffer_ sp_buffer, unsigned char*& p_payload) {
+[[gnu::hot]] bool VekmsgConnection_::extractEncodingPayload(SP_BasicBuffer_ sp_buffer,
+                                                            unsigned char*& p_payload) {
     p_payload = nullptr;
     const unsigned int dataLength = sp_buffer->dataLength();
     if (dataLength < m_decodeOffset) {
@@ -61,7 +62,7 @@ bool VekmsgConnection_::extractEncodingPayload(SP_BasicBuffer_ sp_buffer, unsign
     return true;
 }
 
-bool VekmsgConnection_::discardAllDecodedPayload(SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] bool VekmsgConnection_::discardAllDecodedPayload(SP_BasicBuffer_& sp_buffer) {
     if (sp_buffer && m_decodeOffset >= sp_buffer->dataLength()) {
         sp_buffer->setDataArea(0, 0);
         m_decodeOffset = 0;

@@ -8,12 +8,12 @@ void SocketPoll_::clear() {
     m_spell = takeQuietSpell();
 }
 
-void SocketPoll_::add(VekSocket_& socket) {
+[[gnu::hot]] void SocketPoll_::add(VekSocket_& socket) {
     m_sockets[m_count++] = &socket;
     socket.noteQuiet(m_spell);
 }
 
-int SocketPoll_::poll(int timeoutMs) {
+[[gnu::hot]] int SocketPoll_::poll(int timeoutMs) {
     endQuietSpell();
     const int result = ::poll(m_entries, m_count, timeoutMs);
     if (result < 0) return result;

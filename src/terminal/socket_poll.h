@@ -16,12 +16,12 @@ class SocketPoll_ {
 public:
     static constexpr unsigned int kEntries = 256;
 
-    // The arrays hold what m_count says; clearing 4 KB would cost more than most polls.
     // cppcheck-suppress uninitMemberVar
-    SocketPoll_() { clear(); }
+    SocketPoll_() {}  // NOLINT(modernize-use-equals-default): that would clear 4 KB
     SocketPoll_(const SocketPoll_&) = delete;
     SocketPoll_& operator=(const SocketPoll_&) = delete;
 
+    /// To be called before the first `add`.
     void clear();
 
     unsigned int count() const { return m_count; }
@@ -38,10 +38,11 @@ public:
     [[gnu::noinline]] int poll(int timeoutMs);
 
 private:
+    // Ordered so that what few sockets need lies together.
+    std::uint64_t m_spell = 0;
+    unsigned int m_count = 0;
     pollfd m_entries[kEntries];
     VekSocket_* m_sockets[kEntries];  // of each entry
-    unsigned int m_count;
-    std::uint64_t m_spell;
 };
 
 #endif

@@ -98,7 +98,7 @@ void VekmsgTerminalImpl_::close() {
     m_sp_componentName.reset();
 }
 
-SP_VekmsgConnection_ VekmsgTerminalImpl_::findActiveConnection(SP_Utf8String_ sp_peerName) try {
+[[gnu::hot]] SP_VekmsgConnection_ VekmsgTerminalImpl_::findActiveConnection(SP_Utf8String_ sp_peerName) try {
     SP_VekmsgConnection_ sp_probe(new (std::nothrow) VekmsgConnection_);
     if (!sp_probe) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::findActiveConnection() Can't create VekmsgConnection_");
@@ -140,7 +140,6 @@ bool VekmsgTerminalImpl_::setReceiveFilter(SP_VekmsgFilter_ sp_filter) {
 }
 
 bool VekmsgTerminalImpl_::passesFilter(SP_VekmsgFilter_ sp_filter, SP_VekMessage_& sp_message) try {
-    if (!sp_filter) return true;
     const QuietSpellEnd_ end;
     return sp_filter->process(sp_message);
 }

@@ -64,7 +64,7 @@ public:
     // What processPollEvents is made of, for operations that poll themselves: see quiet_spell.h.
 
     /// Begins a spell with a poll of its own that does not wait, where this saves more calls than it makes.
-    void lookForQuietSockets() const;
+    void lookForQuietSockets();
 
     /// Tells the sockets what a poll has returned for the entries that fillPollFdArray made, in the spell
     /// that has begun. The result is behind the last entry that was one of theirs.
@@ -110,10 +110,10 @@ protected:
 
     /// Whether a pass would do nothing unless a poll over all sockets reported any. That poll is then
     /// prepared.
-    bool awaitsOnlyEvents(SocketPoll_& sockets) const;
+    bool awaitsOnlyEvents();
 
     /// Prepares the poll of a wait with the entries that fillPollFdArray makes.
-    bool prepare(SocketPoll_& sockets);
+    bool preparePoll();
 
     bool isOpen() const { return !m_sp_componentName.isNull(); }
 
@@ -166,7 +166,8 @@ protected:
     bool receiveFromConnections();
     bool takeReceivedMessage(SP_VekMessage_& sp_message);
 
-    /// Holds the filter itself, because a filter may replace filters. One that throws refuses.
+    /// Holds the filter, which must not be null, itself, because a filter may replace filters. One that
+    /// throws refuses.
     static bool passesFilter(SP_VekmsgFilter_ sp_filter, SP_VekMessage_& sp_message);
 
     /// Saves what a connection has received whole before it goes.
@@ -191,6 +192,9 @@ protected:
     SP_VekmsgFilter_ m_sp_sendFilter;
     SP_VekmsgFilter_ m_sp_receiveFilter;
     std::list<KeptBlocks_> m_keptBlocks;  // oldest first
+
+    // Of the present call. Not on the stack, where 4 KB would stand between a caller and those it calls.
+    SocketPoll_ m_poll;
 };
 
 #endif

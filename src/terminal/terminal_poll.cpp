@@ -14,11 +14,11 @@ bool VekmsgTerminalImpl_::processPollEvents(bool& gotData) try {
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
-bool VekmsgTerminalImpl_::makePass(bool& gotData) {
+[[gnu::hot]] bool VekmsgTerminalImpl_::makePass(bool& gotData) {
     gotData = false;
     if (!isOpen()) return true;
     for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
-        if (!processPollEvents(Accepting_(), *sp_socket)) return false;
+        if (!sp_socket->isQuiet() && !processPollEvents(Accepting_(), *sp_socket)) return false;
     }
     for (auto next = m_unresolvedConnections.begin(); next != m_unresolvedConnections.end();)
         processPollEvents(Resolving_(), next++);
@@ -39,7 +39,7 @@ bool VekmsgTerminalImpl_::makePass(bool& gotData) {
 
 // The order of fillPollFdArray.
 template <class Action>
-void VekmsgTerminalImpl_::forEachSocket(Action action) const {
+[[gnu::hot]] void VekmsgTerminalImpl_::forEachSocket(Action action) const {
     for (const SP_VekSocket_& sp_socket : m_listeningSockets) action(*sp_socket);
     const auto ofConnection = [&](const SP_VekmsgConnection_& sp_connection) {
         if (VekSocket_* p_socket = sp_connection->socket()) action(*p_socket);
@@ -48,26 +48,26 @@ void VekmsgTerminalImpl_::forEachSocket(Action action) const {
     std::for_each(m_activeConnections.begin(), m_activeConnections.end(), ofConnection);
 }
 
-void VekmsgTerminalImpl_::lookForQuietSockets() const {
+[[gnu::hot]] void VekmsgTerminalImpl_::lookForQuietSockets() {
     endQuietSpell();
     if (VEKMSG_QUIET_SPELLS == 0 || !isOpen()) return;
-    SocketPoll_ sockets;
+    m_poll.clear();
     forEachSocket([&](VekSocket_& socket) {
-        if (sockets.room() != 0 && socket.fillQuietPollFd(*sockets.next())) sockets.add(socket);
+        if (m_poll.room() != 0 && socket.fillQuietPollFd(*m_poll.next())) m_poll.add(socket);
     });
     // Asking one stream costs no more than the poll; a listening socket with nobody waiting costs ten times
     // that.
-    if (sockets.count() >= 2 || !m_listeningSockets.empty()) sockets.poll(0);
+    if (m_poll.count() >= 2 || !m_listeningSockets.empty()) m_poll.poll(0);
 }
 
-bool VekmsgTerminalImpl_::prepare(SocketPoll_& sockets) {
-    sockets.clear();
+bool VekmsgTerminalImpl_::preparePoll() {
+    m_poll.clear();
     unsigned int count = kWaitPollEntries;
-    if (!fillPollFdArray(sockets.next(), count)) return false;
-    const pollfd* const p_end = sockets.next() + count;
+    if (!fillPollFdArray(m_poll.next(), count)) return false;
+    const pollfd* const p_end = m_poll.next() + count;
     forEachSocket([&](VekSocket_& socket) {
         // Entries come in the order of the sockets, but not every socket has one.
-        if (sockets.next() != p_end && sockets.next()->fd == socket.descriptor()) sockets.add(socket);
+        if (m_poll.next() != p_end && m_poll.next()->fd == socket.descriptor()) m_poll.add(socket);
     });
     return true;
 }
@@ -148,7 +148,7 @@ void VekmsgTerminalImpl_::processPollEvents(Settling_, VekmsgConnection_& old, V
     accepted.stop();
 }
 
-bool VekmsgTerminalImpl_::processPollEvents(Serving_, VekmsgConnection_& active, bool& gotData) {
+[[gnu::hot]] bool VekmsgTerminalImpl_::processPollEvents(Serving_, VekmsgConnection_& active, bool& gotData) {
     bool hasMessages = false;
     if (active.processPollEvents(hasMessages)) {
         // While a new stream connects, a turn says nothing of what the failed one has brought.

@@ -1,10 +1,9 @@
 // From received blocks to messages: delivered, answered, forwarded or dropped.
 
-#include <cstring>
-
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "foundation/quiet_spell.h"
+#include "foundation/utf8_name.h"
 #include "terminal/terminal_impl.h"
 
 namespace {
@@ -24,7 +23,7 @@ SP_BasicBuffer_ splitBehind(BasicBuffer_& buffer, unsigned int length) {
 
 }  // namespace
 
-bool VekmsgTerminalImpl_::receiveMessage(SP_VekMessage_& sp_message) try {
+[[gnu::hot]] bool VekmsgTerminalImpl_::receiveMessage(SP_VekMessage_& sp_message) try {
     sp_message.reset();
     if (!isOpen()) return true;
     if (takeReceivedMessage(sp_message)) return true;
@@ -33,15 +32,16 @@ bool VekmsgTerminalImpl_::receiveMessage(SP_VekMessage_& sp_message) try {
     bool gotData = false;
     if (!makePass(gotData)) return false;
     if (!gotData) return true;
-    if (!receiveKeptBlocks() || !receiveFromConnections()) return false;
+    if (!m_keptBlocks.empty() && !receiveKeptBlocks()) return false;
+    if (!receiveFromConnections()) return false;
     takeReceivedMessage(sp_message);
     return true;
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
-bool VekmsgTerminalImpl_::takeReceivedMessage(SP_VekMessage_& sp_message) {
+[[gnu::hot]] bool VekmsgTerminalImpl_::takeReceivedMessage(SP_VekMessage_& sp_message) {
     if (m_receivedMessages.empty()) return false;
-    sp_message = m_receivedMessages.front();
+    sp_message.swap(m_receivedMessages.front());
     m_receivedMessages.pop_front();
     return true;
 }
@@ -66,7 +66,7 @@ void VekmsgTerminalImpl_::keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_U
 
 // Filters, replies and forwarding may insert and erase connections while one is served. So the walk holds on
 // to that one and goes on by name.
-bool VekmsgTerminalImpl_::receiveFromConnections() {
+[[gnu::hot]] bool VekmsgTerminalImpl_::receiveFromConnections() {
     std::uint64_t spell = quietSpell();
     for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();) {
         if (!(*next)->hasReceived() && (*next)->isAtRest(spell)) {
@@ -74,6 +74,7 @@ bool VekmsgTerminalImpl_::receiveFromConnections() {
             continue;
         }
         const SP_VekmsgConnection_ sp_connection = *next;
+        const unsigned int changes = m_activeConnections.changes();
         SP_BasicBuffer_ sp_buffer;
         if (!sp_connection->receiveEncodedMessage(sp_buffer)) {
             retire(next);
@@ -81,7 +82,8 @@ bool VekmsgTerminalImpl_::receiveFromConnections() {
             if (sp_buffer) putBack(sp_buffer, sp_connection);
             return false;
         }
-        next = m_activeConnections.upper_bound(sp_connection);
+        const bool isGood = m_activeConnections.changes() == changes;
+        next = isGood ? next + 1 : m_activeConnections.upper_bound(sp_connection);
         spell = quietSpell();
     }
     return true;
@@ -98,8 +100,8 @@ void VekmsgTerminalImpl_::putBack(const SP_BasicBuffer_& sp_buffer,
     }
 }
 
-bool VekmsgTerminalImpl_::receiveMessage(Blocks_, SP_BasicBuffer_& sp_buffer,
-                                         const SP_Utf8String_& sp_peerName) {
+[[gnu::hot]] bool VekmsgTerminalImpl_::receiveMessage(Blocks_, SP_BasicBuffer_& sp_buffer,
+                                                      const SP_Utf8String_& sp_peerName) {
     while (sp_buffer) {
         SP_BasicBuffer_ sp_rest;
         SP_VekMessage_ sp_message;
@@ -108,16 +110,15 @@ bool VekmsgTerminalImpl_::receiveMessage(Blocks_, SP_BasicBuffer_& sp_buffer,
         sp_buffer.reset();
         if (decoded == Decoded_::Dropped) return true;
         sp_buffer.swap(sp_rest);
-        if (!passesFilter(m_sp_receiveFilter, sp_message)) return false;
+        if (m_sp_receiveFilter && !passesFilter(m_sp_receiveFilter, sp_message)) return false;
         if (sp_message) receiveMessage(Dispatching_(), sp_message, sp_peerName);
     }
     return true;
 }
 
-VekmsgTerminalImpl_::Decoded_ VekmsgTerminalImpl_::receiveMessage(FirstBlock_, SP_BasicBuffer_& sp_buffer,
-                                                                  SP_BasicBuffer_& sp_rest,
-                                                                  const SP_Utf8String_& sp_peerName,
-                                                                  SP_VekMessage_& sp_message) {
+[[gnu::hot]] VekmsgTerminalImpl_::Decoded_ VekmsgTerminalImpl_::receiveMessage(
+    FirstBlock_, SP_BasicBuffer_& sp_buffer, SP_BasicBuffer_& sp_rest, const SP_Utf8String_& sp_peerName,
+    SP_VekMessage_& sp_message) {
     if (!createMessage(sp_message)) return Decoded_::Failed;
     const SP_VekMessageBinary_ sp_impMessage = sp_message;
     if (!sp_impMessage) {
@@ -153,16 +154,16 @@ VekmsgTerminalImpl_::Decoded_ VekmsgTerminalImpl_::receiveMessage(FirstBlock_, S
     return Decoded_::Message;
 }
 
-void VekmsgTerminalImpl_::receiveMessage(Dispatching_, const SP_VekMessage_& sp_message,
-                                         const SP_Utf8String_& sp_peerName) {
+[[gnu::hot]] void VekmsgTerminalImpl_::receiveMessage(Dispatching_, const SP_VekMessage_& sp_message,
+                                                      const SP_Utf8String_& sp_peerName) {
     const Utf8Char_* p_destination = sp_message->getDestination();
     if (p_destination == nullptr) {
         VEKMSG_LOG_WARNING("%s dropped a message with NULL destination", printable(m_sp_componentName));
         return;
     }
-    if (std::strcmp(printable(p_destination), printable(m_sp_componentName)) != 0) {
+    if (!isSameText(printable(p_destination), printable(m_sp_componentName))) {
         receiveMessage(Forwarding_(), sp_message, sp_peerName);
-    } else if (std::strcmp(printable(sp_message->getPayloadSchema()), kPingRequest) == 0) {
+    } else if (isSameText(printable(sp_message->getPayloadSchema()), kPingRequest)) {
         receiveMessage(Pinging_(), sp_message, sp_peerName);
     } else {
         m_receivedMessages.push_back(sp_message);

@@ -1,20 +1,18 @@
 // From a message to a block on the connection with its destination.
 
-#include <cstring>
-
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "foundation/utf8_name.h"
 #include "terminal/terminal_impl.h"
 
-bool VekmsgTerminalImpl_::createMessage(SP_VekMessage_& sp_message) try {
+[[gnu::hot]] bool VekmsgTerminalImpl_::createMessage(SP_VekMessage_& sp_message) try {
     sp_message = SP_VekMessage_(new (std::nothrow) VekMessageBinary_);
     if (!sp_message) VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::createMessage() Can't create vekMessageBinary_");
     return !sp_message.isNull();
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
-bool VekmsgTerminalImpl_::sendMessage(SP_VekMessage_ sp_message) try {
+[[gnu::hot]] bool VekmsgTerminalImpl_::sendMessage(SP_VekMessage_ sp_message) try {
     if (!sp_message) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() null sp_message");
         return false;
@@ -29,14 +27,14 @@ bool VekmsgTerminalImpl_::sendMessage(SP_VekMessage_ sp_message) try {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() null m_sp_componentName");
         return false;
     }
-    if (std::strcmp(p_destination, printable(sp_ownName)) == 0) {
+    if (isSameText(p_destination, printable(sp_ownName))) {
         VEKMSG_LOG_ERROR("Can't send a message to itself (%s)", printable(sp_ownName));
         return false;
     }
     if (*printable(sp_message->getSource()) == '\0' && !sp_message->setSource(sp_ownName->c_str()))
         return false;
 
-    if (!passesFilter(m_sp_sendFilter, sp_message)) return false;
+    if (m_sp_sendFilter && !passesFilter(m_sp_sendFilter, sp_message)) return false;
     if (!sp_message) return true;
 
     const SP_VekMessageBinary_ sp_binary(sp_message);
@@ -141,7 +139,8 @@ bool VekmsgTerminalImpl_::sendMessage(Selecting_, const Utf8String_& destination
 }
 
 /// An unrecoverable write error is not the caller's to see: the connection is retired by the next pass.
-bool VekmsgTerminalImpl_::sendMessage(Handing_, VekMessageBinary_& message, VekmsgConnection_& connection) {
+[[gnu::hot]] bool VekmsgTerminalImpl_::sendMessage(Handing_, VekMessageBinary_& message,
+                                                   VekmsgConnection_& connection) {
     SP_BasicBuffer_ sp_buffer;
     const unsigned int length = message.serialize(sp_buffer);
     if (length == 0) return false;

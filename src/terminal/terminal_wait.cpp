@@ -87,7 +87,8 @@ int copyReturnedEvents(const pollfd* p_entries, pollfd* p_callers, unsigned int 
 
 }  // namespace
 
-VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::waitForMessage(unsigned int timeoutMs) try {
+[[gnu::hot]] VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::waitForMessage(
+    unsigned int timeoutMs) try {
     if (!isOpen()) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::waitForMessage() null m_sp_componentName");
         return VekmsgTerminal_::WAIT_ERROR;
@@ -95,19 +96,18 @@ VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::waitForMessage(unsigned in
     if (!m_receivedMessages.empty()) return VekmsgTerminal_::WAIT_MESSAGE;
     const QuietSpellEnd_ end;
     bool gotData = false;
-    SocketPoll_ sockets;
     // What the poll of the wait will tell at once need not be asked before it.
-    bool isPassDue = !awaitsOnlyEvents(sockets);
+    bool isPassDue = !awaitsOnlyEvents();
     if (isPassDue) lookForQuietSockets();
     unsigned int remainingMs = std::max(timeoutMs, 1U);  // at least one poll in any case
     while (remainingMs != 0) {
         if (isPassDue) {
             if (!makePass(gotData)) return VekmsgTerminal_::WAIT_ERROR;
             if (gotData) return VekmsgTerminal_::WAIT_MESSAGE;
-            if (!prepare(sockets)) return VekmsgTerminal_::WAIT_ERROR;
+            if (!preparePoll()) return VekmsgTerminal_::WAIT_ERROR;
         }
         const int slice = nextSlice(remainingMs);
-        const int result = sockets.poll(slice);
+        const int result = m_poll.poll(slice);
         const int error = errno;
         if (result < 0 && error != EINTR) {
             if (!isPassDue && !makePass(gotData)) return VekmsgTerminal_::WAIT_ERROR;
@@ -123,22 +123,23 @@ VekmsgTerminalImpl_::WaitResult_ VekmsgTerminalImpl_::waitForMessage(unsigned in
 }
 VEKMSG_RETURN_ON_EXCEPTION(VekmsgTerminal_::WAIT_ERROR)
 
-bool VekmsgTerminalImpl_::awaitsOnlyEvents(SocketPoll_& sockets) const {
+[[gnu::hot]] bool VekmsgTerminalImpl_::awaitsOnlyEvents() {
     if (VEKMSG_QUIET_SPELLS == 0 || !m_keptBlocks.empty() || !m_unresolvedConnections.empty()) return false;
     if (m_listeningSockets.size() + m_activeConnections.size() > kWaitPollEntries) return false;
+    m_poll.clear();
     const auto add = [&](VekSocket_& socket) {
-        if (!socket.fillQuietPollFd(*sockets.next())) return false;
-        sockets.add(socket);
+        if (!socket.fillQuietPollFd(*m_poll.next())) return false;
+        m_poll.add(socket);
         return true;
     };
     for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
         if (!add(*sp_socket)) return false;
     }
-    return std::all_of(m_activeConnections.begin(), m_activeConnections.end(),
-                       [&](const SP_VekmsgConnection_& sp_connection) {
-                           return sp_connection->awaitsOnlyData() && !sp_connection->hasReceived() &&
-                                  add(*sp_connection->socket());
-                       });
+    for (const SP_VekmsgConnection_& sp_connection : m_activeConnections) {
+        if (!sp_connection->awaitsOnlyData() || sp_connection->hasReceived()) return false;
+        if (!add(*sp_connection->socket())) return false;
+    }
+    return true;
 }
 
 VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd* p_pollFd, unsigned int count,

@@ -343,7 +343,7 @@ bool VekSocket_::connecting() {
     return false;
 }
 
-VekSocket_::SendResult_ VekSocket_::send(SP_BasicBuffer_ sp_buffer) {
+[[gnu::hot]] VekSocket_::SendResult_ VekSocket_::send(SP_BasicBuffer_ sp_buffer) {
     if (sp_buffer.isNull()) {
         VEKMSG_LOG_ERROR("VekSocket_::send() null sp_buffer");
         return SEND_FAILED;
@@ -386,7 +386,7 @@ void VekSocket_::takeOffPending(long written) {
     if (m_dataToBeSent == 0) m_sp_sendBuffer.reset();
 }
 
-bool VekSocket_::receive(unsigned int size, SP_BasicBuffer_ sp_buffer) {
+[[gnu::hot]] bool VekSocket_::receive(unsigned int size, SP_BasicBuffer_ sp_buffer) {
     if (sp_buffer.isNull()) {
         VEKMSG_LOG_ERROR("VekSocket_::receive() null sp_buffer");
         return false;
@@ -405,7 +405,7 @@ bool VekSocket_::receive(unsigned int size, SP_BasicBuffer_ sp_buffer) {
     return true;
 }
 
-bool VekSocket_::check(SP_BasicBuffer_& sp_buffer) {
+[[gnu::hot]] bool VekSocket_::check(SP_BasicBuffer_& sp_buffer) {
     sp_buffer.reset();
     if (m_state != CONNECTED) return check();
     if (m_sp_receiveBuffer.isNull() || m_bytesToReceive == 0) return true;
@@ -435,7 +435,7 @@ bool VekSocket_::check() {
 }
 
 /// Reads once.
-bool VekSocket_::check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete) {
+[[gnu::hot]] bool VekSocket_::check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete) {
     // The owner may have put more data into the buffer since it was armed.
     m_bytesToReceive = std::min(m_bytesToReceive, receiveBuffer.trailerRoom());
     if (isQuiet() && m_bytesToReceive != 0) return true;

@@ -80,6 +80,9 @@ public:
     void noteQuiet(std::uint64_t spell) { m_quietSpell = spell; }
     void forgetQuiet() { m_quietSpell = kNoQuietSpell; }
 
+    /// Whether the present spell is one of those of which that is known.
+    bool isQuiet() const { return m_quietSpell != kNoQuietSpell && isQuiet(quietSpell()); }
+
     /// Whether nothing but data from the peer makes `check` do anything.
     bool awaitsOnlyData() const { return m_state == CONNECTED && m_bytesToReceive != 0 && !m_sp_sendBuffer; }
 
@@ -108,7 +111,6 @@ private:
     bool check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete);
     bool check(BasicBuffer_& sendBuffer);
 
-    bool isQuiet() const { return m_quietSpell != kNoQuietSpell && isQuiet(quietSpell()); }
     bool isQuiet(std::uint64_t spell) const { return m_quietSpell == spell && spell != kNoQuietSpell; }
     void becomeConnected();
     long writePending() const;

@@ -21,8 +21,6 @@ ARRAYS = {
     "foundation/log_record.cpp: char line[24]": "(anonymous namespace)::writeToStandardError(",
     "foundation/log_record.cpp: Line_ record": "(anonymous namespace)::writeToStandardError(",
     "foundation/text_output.cpp: char digits[10]": "writeUnformatted(std::ostream&, unsigned int)",
-    "terminal/terminal_poll.cpp: SocketPoll_ sockets": "VekmsgTerminalImpl_::lookForQuietSockets(",
-    "terminal/terminal_wait.cpp: SocketPoll_ sockets": "VekmsgTerminalImpl_::waitForMessage(",
     "terminal/terminal_wait.cpp: pollfd entries[kPollFdEntries]": "VekmsgTerminalImpl_::pollFd(",
     "transport/socket.cpp: VekSockNativeAddr_ peer": [
         "(anonymous namespace)::hasPeer( or in VekSocket_::connecting( or in VekSocket_::check(", ACCEPTING],
@@ -40,7 +38,7 @@ IN_REGISTERS = {
 }
 
 LOCAL_ARRAY = re.compile(r"^\s+(?:const )?((?:unsigned char|[\w:]+) (?!m_)\w+\[[^\]]*\])(?: =|;|\{)|"
-                         r"^\s+((?:VekSockNativeAddr_|Line_|SocketPoll_) (?!m_)\w+)(?: =|;)")
+                         r"^\s+((?:VekSockNativeAddr_|Line_) (?!m_)\w+)(?: =|;)")
 
 
 def local_arrays(folder):

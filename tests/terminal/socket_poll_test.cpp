@@ -12,6 +12,7 @@ using Type_ = VekSocketAddress_::AddressType_;
 class SocketPoll : public SocketTest_ {
 protected:
     SocketPoll() {
+        m_poll.clear();
         for (Streams_* p_streams : {&m_first, &m_second})
             EXPECT_TRUE(p_streams->m_client.receive(1, emptyBuffer(1)));
     }
@@ -83,6 +84,7 @@ TEST_F(SocketPoll, endsTheSpellBefore) {
     EXPECT_EQ(m_poll.poll(0), 0);
     EXPECT_TRUE(isQuiet(m_first));
     SocketPoll_ next;
+    next.clear();
     EXPECT_TRUE(isQuiet(m_first));
 
     EXPECT_EQ(next.poll(0), 0);
