@@ -2,7 +2,6 @@
 #define VEKMSG_MESSAGE_SUB_ELEMENTS_H
 
 #include <cstddef>
-#include <memory>
 #include <vector>
 
 #include "foundation/free_list.h"
