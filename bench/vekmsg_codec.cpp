@@ -154,6 +154,6 @@ void decodeMessage(benchmark::State& state) {
     });
 }
 
+VEKMSG_CODEC_BENCHMARKS;
 BENCHMARK(encodeMessage)->Arg(OneNumber)->Arg(TenLeaves)->Arg(HundredLeaves);
 BENCHMARK(decodeMessage)->Arg(OneNumber)->Arg(TenLeaves)->Arg(HundredLeaves);
-VEKMSG_CODEC_BENCHMARKS;
