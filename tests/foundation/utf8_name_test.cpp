@@ -88,3 +88,12 @@ TEST(Utf8Name, withoutMemoryItIsNullWhicheverAllocationFails) {
 TEST(Utf8Name, aLengthThatNoStringCanHaveGivesNull) {
     EXPECT_TRUE(createUtf8String(bytes("text"), std::numeric_limits<std::size_t>::max() / 2 + 1).isNull());
 }
+
+TEST(SameText, isTheSameUpToItsEnd) {
+    EXPECT_TRUE(isSameText("", ""));
+    EXPECT_TRUE(isSameText("anna", "anna"));
+    for (const char* p_other : {"", "a", "anne", "annabel", "bert"}) {
+        EXPECT_FALSE(isSameText("anna", p_other)) << p_other;
+        EXPECT_FALSE(isSameText(p_other, "anna")) << p_other;
+    }
+}

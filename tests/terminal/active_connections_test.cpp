@@ -96,6 +96,22 @@ TEST_F(ActiveConnections, oneGoesAndTheNextIsTold) {
     EXPECT_TRUE(m_connections.empty());
 }
 
+TEST_F(ActiveConnections, whateverMovesOneCountsAsAChange) {
+    const unsigned int before = m_connections.changes();
+    EXPECT_FALSE(m_connections.insert(connectionTo("cora")).second);
+    m_connections.find(connectionTo("dora"));
+    EXPECT_EQ(m_connections.changes(), before);
+
+    EXPECT_TRUE(m_connections.insert(connectionTo("abel")).second);
+    const unsigned int afterInserting = m_connections.changes();
+    EXPECT_NE(afterInserting, before);
+    m_connections.erase(m_connections.begin());
+    const unsigned int afterErasing = m_connections.changes();
+    EXPECT_NE(afterErasing, afterInserting);
+    m_connections.clear();
+    EXPECT_NE(m_connections.changes(), afterErasing);
+}
+
 TEST_F(ActiveConnections, withoutMemoryForMoreTheyStayAsTheyAre) {
     const SP_VekmsgConnection_ sp_bert = connectionTo("bert");  // the array has room for four
     {
