@@ -21,8 +21,6 @@ using SP_VekmsgElementBinary_ = SmartPointer_<VekmsgElementBinary_>;
 /// read, written, printed and destroyed by recursion: keep the stack frames of those operations small.
 class VekmsgElementBinary_ : public VekmsgElement_, public libcpp::FromFreeList_<VekmsgElementBinary_, 128> {
 public:
-    // The value storage stays as it is: clearing it would cost more than everything else that an element
-    // does.
     /// `p_message` is only remembered, never dereferenced: an element may outlive the message that made it.
     // cppcheck-suppress uninitMemberVar
     VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message)
