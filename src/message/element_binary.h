@@ -130,11 +130,12 @@ private:
     /// Null when there was no such sub-element and none could be added.
     SP_VekmsgElement_ findOrAddSubElement(VekmsgTag_ tag);
 
+    bool hasPlainValue() const;
+    unsigned int serializePlainValue(unsigned char* p_endOfFreespace, unsigned int freespaceSize) const;
+
     // Out of line, so that writing a value, which is most of all writing, needs next to no stack frame.
     [[gnu::noinline]] unsigned int serializeSubElements(unsigned char* p_endOfFreespace,
                                                         unsigned int freespaceSize) const;
-
-    unsigned int serializeValue(unsigned char* p_endOfFreespace, unsigned int freespaceSize) const;
 
     /// Stores a value from the wire of which nothing has to be said, as nearly all are. False, with nothing
     /// changed, for any other.

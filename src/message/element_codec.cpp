@@ -29,51 +29,49 @@ unsigned int VekmsgElementBinary_::valueSize() const {
     return m_type == VEKMSG_UINT ? kUintSize : m_valueLength;
 }
 
+inline bool VekmsgElementBinary_::hasPlainValue() const {
+    return m_type == VEKMSG_UINT || m_type == VEKMSG_STRING || m_type == VEKMSG_BINARY;
+}
+
+/// The value behind both its headers. 0, with nothing written, for any other than a plain value, and when
+/// there is no room for all of that.
+inline unsigned int VekmsgElementBinary_::serializePlainValue(unsigned char* p_endOfFreespace,
+                                                              unsigned int freespaceSize) const {
+    if (!hasPlainValue()) return 0;
+    const unsigned int length = valueSize();
+    const unsigned int size = kElementHeaderSize + length;
+    if (freespaceSize < size) return 0;
+    unsigned char* p_start = p_endOfFreespace - size;
+    storeElementHeader(p_start, m_tag, m_type, length);
+    if (m_type == VEKMSG_UINT) {
+        std::memcpy(p_start + kElementHeaderSize, m_value, kUintSize);  // a known size is copied in place
+    } else {
+        std::memcpy(p_start + kElementHeaderSize, m_value, length);
+    }
+    return size;
+}
+
 [[gnu::hot]] unsigned int VekmsgElementBinary_::serialize(unsigned char* p_endOfFreespace,
                                                           unsigned int freespaceSize) const {
     if (p_endOfFreespace == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgElementBinary_::serialize() null p_endOfFreespace");
         return 0;
     }
-    unsigned int written = 0;
-    switch (m_type) {
-        case VEKMSG_UINT:
-        case VEKMSG_STRING:
-        case VEKMSG_BINARY:
-            written = serializeValue(p_endOfFreespace, freespaceSize);
-            if (written != 0) return written;
-            // What is missing, or that it is only the outer header, the codec of one item finds and says.
-            written = VekMessageBinary_::serializeTtlv(
-                p_endOfFreespace, freespaceSize, VEKMSGTAG_ELEMENT_CONTENT, m_type, valueSize(), m_value);
-            break;
-        case VEKMSG_COMPLEX:
-            written = serializeSubElements(p_endOfFreespace, freespaceSize);
-            break;
-        default:
-            VEKMSG_LOG_ERROR("VekmsgElementBinary_::serialize() invalid type %d for tag %u", m_type, m_tag);
-            break;
+    unsigned int written = serializePlainValue(p_endOfFreespace, freespaceSize);
+    if (written != 0) return written;
+    if (hasPlainValue()) {
+        // What is missing, or that it is only the outer header, the codec of one item finds and says.
+        written = VekMessageBinary_::serializeTtlv(p_endOfFreespace, freespaceSize, VEKMSGTAG_ELEMENT_CONTENT,
+                                                   m_type, valueSize(), m_value);
+    } else if (m_type == VEKMSG_COMPLEX) {
+        written = serializeSubElements(p_endOfFreespace, freespaceSize);
+    } else {
+        VEKMSG_LOG_ERROR("VekmsgElementBinary_::serialize() invalid type %d for tag %u", m_type, m_tag);
     }
     if (written == 0) return 0;
     const unsigned int header = VekMessageBinary_::serializeTtlvHeader(
         p_endOfFreespace - written, freespaceSize - written, getTag(), VEKMSG_UNDEFINED, written);
     return header != 0 ? written + header : 0;
-}
-
-/// The value behind both its headers, or 0 when there is no room for all of that.
-unsigned int VekmsgElementBinary_::serializeValue(unsigned char* p_endOfFreespace,
-                                                  unsigned int freespaceSize) const {
-    const bool isUint = m_type == VEKMSG_UINT;
-    const unsigned int length = isUint ? kUintSize : m_valueLength;
-    const unsigned int size = kElementHeaderSize + length;
-    if (freespaceSize < size) return 0;
-    unsigned char* p_start = p_endOfFreespace - size;
-    storeElementHeader(p_start, m_tag, m_type, length);
-    if (isUint) {
-        std::memcpy(p_start + kElementHeaderSize, m_value, kUintSize);  // a known size is copied in place
-    } else {
-        std::memcpy(p_start + kElementHeaderSize, m_value, length);
-    }
-    return size;
 }
 
 unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFreespace,
@@ -82,7 +80,8 @@ unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFr
     for (SubElements_::Position_ next = m_subElements.size(); next-- != 0;) {
         const VekmsgElementBinary_* p_child = m_subElements[next];
         if (p_child == nullptr) return 0;  // an element of a foreign class was added
-        const unsigned int written = p_child->serialize(p_end, freespaceSize);
+        unsigned int written = p_child->serializePlainValue(p_end, freespaceSize);
+        if (written == 0) written = p_child->serialize(p_end, freespaceSize);
         if (written == 0) return 0;
         p_end -= written;
         freespaceSize -= written;
@@ -94,19 +93,13 @@ unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFr
 }
 
 [[gnu::hot]] unsigned int VekmsgElementBinary_::getMaxSerializationSize() const {
-    unsigned int size = 2 * VekMessageBinary_::getTtlvHeaderSize();
-    switch (m_type) {
-        case VEKMSG_UINT:
-        case VEKMSG_STRING:
-        case VEKMSG_BINARY:
-            return size + valueSize();
-        case VEKMSG_COMPLEX:
-            for (const VekmsgElementBinary_* p_child : m_subElements)
-                if (p_child != nullptr) size += p_child->getMaxSerializationSize();
-            return size;
-        default:
-            return size;
+    if (hasPlainValue()) return kElementHeaderSize + valueSize();
+    unsigned int size = kElementHeaderSize;
+    if (m_type == VEKMSG_COMPLEX) {
+        for (const VekmsgElementBinary_* p_child : m_subElements)
+            if (p_child != nullptr) size += p_child->getMaxSerializationSize();
     }
+    return size;
 }
 
 [[gnu::hot]] unsigned int VekmsgElementBinary_::deserialize(const unsigned char* p_bytestream,
