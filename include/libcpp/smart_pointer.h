@@ -91,7 +91,7 @@ struct SmartPointerTypeTraits_ : CountPlace_<T, std::is_base_of<BasicObject_, T>
 template <class T, class Other>
 T* castTo(Other* p_object) {
     if constexpr (std::is_base_of<Other, T>::value) {
-        if (p_object != nullptr && typeid(*p_object) == typeid(T)) return static_cast<T*>(p_object);
+        if (p_object != nullptr && &typeid(*p_object) == &typeid(T)) return static_cast<T*>(p_object);
     }
     return dynamic_cast<T*>(p_object);
 }

@@ -16,9 +16,9 @@
 
 namespace libcpp {
 
-/// What the lists do when they are empty: out of line, apart from the paths that are taken all the time. Null
-/// when memory is short.
-[[gnu::noinline]] void* takeFromHeap(std::size_t size) noexcept;
+/// What the lists do when they are empty: apart from the paths that are taken all the time. Null when memory
+/// is short.
+[[gnu::cold]] void* takeFromHeap(std::size_t size) noexcept;
 
 /// Memory blocks of one size that this thread has used and will soon use again, so that the steady exchange
 /// of messages asks nothing of the heap. At most `MaxHeld` blocks wait per thread; they go back to the heap
@@ -92,8 +92,8 @@ private:
         ++chain.m_held;
     }
 
-    /// To a list that may not be in use yet, or full, or drained. Out of line like `takeFromHeap`.
-    [[gnu::noinline]] static void giveFirst(Chain_& chain, void* p_block) noexcept {
+    /// To a list that may not be in use yet, or full, or drained. Apart, like `takeFromHeap`.
+    [[gnu::cold]] static void giveFirst(Chain_& chain, void* p_block) noexcept {
         if (chain.m_phase == Phase_::Unused) armDrain(chain);
         if (chain.m_phase == Phase_::Open && chain.m_held < kMaxHeld) {
             add(chain, p_block);

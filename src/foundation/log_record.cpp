@@ -10,9 +10,9 @@
 #include "foundation/quiet_spell.h"
 #include "foundation/thread_access.h"
 
-int g_logThreshold = kLogWarning;
-
 namespace {
+
+int g_logThreshold = kLogWarning;
 
 const char* severityName(int severity) {
     switch (severity) {
@@ -100,6 +100,10 @@ void vekmsg_log_set_sink(vekmsg_log_sink sink, void* context) {
 
 void vekmsg_log_set_threshold(int severity) {
     g_logThreshold = severity;
+}
+
+int log_accept(int severity, const LogSite*) {
+    return severity <= g_logThreshold;
 }
 
 const char* lfmt(const char* p_format, ...) {

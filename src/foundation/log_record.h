@@ -7,12 +7,10 @@
 // How every place in the library writes a record: ask whether it is wanted, only then format the text,
 // dispatch it, and go on as if nothing had been written.
 
-extern int g_logThreshold __attribute__((visibility("hidden")));
-
-/// Non-zero when a record of this severity from this site is to be written.
-inline int log_accept(int severity, const LogSite*) {
-    return severity <= g_logThreshold;
-}
+/// Non-zero when a record of this severity from this site is to be written: one load and a compare. Declared
+/// cold and not inline, so that the compiler takes every branch that leads to a record for a seldom one;
+/// where the library is optimised as a whole, it is inlined after that.
+int log_accept(int severity, const LogSite* p_site) __attribute__((cold));
 
 /// Formats into a buffer of the thread, which the next call reuses. A longer text is cut; no memory is asked
 /// for.

@@ -4,6 +4,6 @@
 /// Whether the thread has the memory to note what is to go when it ends, as its first `thread_local` object
 /// of a kind needs: where there is none, the C library would end the process. The memory is taken on trial,
 /// much more than a note needs, and given back.
-[[gnu::noinline]] bool canNoteThreadEnd() noexcept;
+[[gnu::cold]] bool canNoteThreadEnd() noexcept;
 
 #endif

@@ -19,6 +19,9 @@ public:
     VekMessageBinary_();
     ~VekMessageBinary_() override;
 
+    void addRef() final { BasicObject_::addRef(); }
+    void removeRef() final { BasicObject_::removeRef(); }
+
     bool setDestination(const Utf8Char_* p_destinationName) override;
     const Utf8Char_* getDestination() const override;
     bool setSource(const Utf8Char_* p_sourceName) override;

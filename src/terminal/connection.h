@@ -54,6 +54,9 @@ public:
     VekmsgConnection_();
     ~VekmsgConnection_() override;
 
+    void addRef() final { BasicObject_::addRef(); }
+    void removeRef() final { BasicObject_::removeRef(); }
+
     /// Null is refused with a record.
     bool setMyName(SP_Utf8String_ sp_myName);
     SP_Utf8String_ getMyName() const { return m_sp_myName; }
@@ -77,7 +80,7 @@ public:
     void stop();
 
     /// Sends the own name once the socket is connected.
-    bool sendMyName();
+    [[gnu::cold]] bool sendMyName();
 
     /// Asks the socket for as many bytes as make `size` undecoded ones in the buffer; null stands for a fresh
     /// buffer.
@@ -135,7 +138,7 @@ public:
     bool setMaxFailureRetryCount(VekSocketAddress_::AddressType_ type);
 
     /// Puts a new, connecting socket in place of the failed one, if the budget allows. Each attempt counts.
-    bool reconnectFailedSocket();
+    [[gnu::cold]] bool reconnectFailedSocket();
 
     /// Takes over both queues of the other connection, behind the own ones.
     bool mergeQueues(VekmsgConnection_* p_connection);
@@ -184,8 +187,8 @@ protected:
     struct Header_ {};
     struct Payload_ {};
     bool processPollEvents(SP_BasicBuffer_& sp_buffer);
-    bool processPollEvents(NameHeader_, SP_BasicBuffer_& sp_buffer);
-    bool processPollEvents(Name_, SP_BasicBuffer_& sp_buffer);
+    [[gnu::cold]] bool processPollEvents(NameHeader_, SP_BasicBuffer_& sp_buffer);
+    [[gnu::cold]] bool processPollEvents(Name_, SP_BasicBuffer_& sp_buffer);
     bool processPollEvents(Header_, SP_BasicBuffer_& sp_buffer);
     bool processPollEvents(Payload_, SP_BasicBuffer_& sp_buffer);
 

@@ -130,8 +130,8 @@ protected:
     struct Resolving_ {};
     struct Settling_ {};
     struct Serving_ {};
-    bool processPollEvents(Accepting_, VekSocket_& listeningSocket);
-    void processPollEvents(Resolving_, Connections_::iterator unresolved);
+    [[gnu::cold]] bool processPollEvents(Accepting_, VekSocket_& listeningSocket);
+    [[gnu::cold]] void processPollEvents(Resolving_, Connections_::iterator unresolved);
     void processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted);
     bool processPollEvents(Serving_, VekmsgConnection_& active, bool& gotData);
 
@@ -141,11 +141,12 @@ protected:
     struct Connecting_ {};
     struct Selecting_ {};
     struct Handing_ {};
-    bool sendMessage(Opening_, const SP_Utf8String_& sp_destination, SP_VekmsgConnection_& sp_connection);
-    bool sendMessage(Connecting_, const Utf8String_& destination, AddressNames_& addressNames,
-                     VekSocketAddress_& address, SP_VekSocket_& sp_socket);
-    bool sendMessage(Selecting_, const Utf8String_& destination, AddressNames_& addressNames,
-                     VekSocketAddress_& address);
+    [[gnu::cold]] bool sendMessage(Opening_, const SP_Utf8String_& sp_destination,
+                                   SP_VekmsgConnection_& sp_connection);
+    [[gnu::cold]] bool sendMessage(Connecting_, const Utf8String_& destination, AddressNames_& addressNames,
+                                   VekSocketAddress_& address, SP_VekSocket_& sp_socket);
+    [[gnu::cold]] bool sendMessage(Selecting_, const Utf8String_& destination, AddressNames_& addressNames,
+                                   VekSocketAddress_& address);
     bool sendMessage(Handing_, VekMessageBinary_& message, VekmsgConnection_& connection);
 
     // The stages of receiving: all blocks of a buffer (what is left undecoded on failure stays in it), its
@@ -160,26 +161,27 @@ protected:
     Decoded_ receiveMessage(FirstBlock_, SP_BasicBuffer_& sp_buffer, SP_BasicBuffer_& sp_rest,
                             const SP_Utf8String_& sp_peerName, SP_VekMessage_& sp_message);
     void receiveMessage(Dispatching_, const SP_VekMessage_& sp_message, const SP_Utf8String_& sp_peerName);
-    void receiveMessage(Forwarding_, const SP_VekMessage_& sp_message, const SP_Utf8String_& sp_peerName);
-    void receiveMessage(Pinging_, const SP_VekMessage_& sp_message, const SP_Utf8String_& sp_peerName);
-    bool receiveKeptBlocks();
+    [[gnu::noinline]] void receiveMessage(Forwarding_, const SP_VekMessage_& sp_message,
+                                          const SP_Utf8String_& sp_peerName);
+    [[gnu::cold]] void receiveMessage(Pinging_, const SP_VekMessage_& sp_message,
+                                      const SP_Utf8String_& sp_peerName);
+    [[gnu::cold]] bool receiveKeptBlocks();
     bool receiveFromConnections();
     bool takeReceivedMessage(SP_VekMessage_& sp_message);
 
     /// Holds the filter, which must not be null, itself, because a filter may replace filters. One that
     /// throws refuses.
-    static bool passesFilter(SP_VekmsgFilter_ sp_filter, SP_VekMessage_& sp_message);
+    [[gnu::noinline]] static bool passesFilter(SP_VekmsgFilter_ sp_filter, SP_VekMessage_& sp_message);
 
     /// Saves what a connection has received whole before it goes.
-    void keepReceivedBlocks(VekmsgConnection_& connection);
+    [[gnu::cold]] void keepReceivedBlocks(VekmsgConnection_& connection);
 
     /// What a refusing filter has left of a buffer comes first in the next call.
-    void putBack(const SP_BasicBuffer_& sp_buffer, const SP_VekmsgConnection_& sp_connection);
-    void keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName);
+    [[gnu::cold]] void putBack(const SP_BasicBuffer_& sp_buffer, const SP_VekmsgConnection_& sp_connection);
+    [[gnu::cold]] void keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName);
 
-    /// Stops and erases a connection, but not what it has received. The result is the one behind. Out of
-    /// line: it is seldom.
-    [[gnu::noinline]] ActiveConnections_::iterator retire(ActiveConnections_::iterator active);
+    /// Stops and erases a connection, but not what it has received. The result is the one behind.
+    [[gnu::cold]] ActiveConnections_::iterator retire(ActiveConnections_::iterator active);
 
     // Tests derive a class from this one to set up states that the outside cannot bring about.
     SP_Utf8String_ m_sp_componentName;  // null: not open

@@ -37,6 +37,9 @@ public:
     VekSocket_();
     ~VekSocket_() override;
 
+    void addRef() final { BasicObject_::addRef(); }
+    void removeRef() final { BasicObject_::removeRef(); }
+
     /// Makes a descriptor for this address and binds it, unless it is a wildcard. A local socket file that
     /// stands in the way is removed. Whatever the socket was before ends.
     bool initialize(const VekSocketAddress_& localAddress);
@@ -45,7 +48,7 @@ public:
 
     /// Takes one waiting peer; `sp_socket` is null, and the result true, when nobody waits. When a descriptor
     /// was accepted but cannot be used, it is left open.
-    [[gnu::noinline]] bool accept(SP_VekSocket_& sp_socket);
+    [[gnu::cold]] bool accept(SP_VekSocket_& sp_socket);
 
     /// Makes this new socket the stream of an accepted descriptor and its owner.
     bool accepted(int descriptor, VekSocketAddress_::AddressType_ type);
@@ -54,7 +57,7 @@ public:
     bool connect(const VekSocketAddress_& remoteAddress);
 
     /// Looks how a connect under way stands; it fails after 6 seconds. The descriptor stays open on failure.
-    bool connecting();
+    [[gnu::cold]] bool connecting();
 
     /// Writes at once what the descriptor takes; `check` writes the rest, within 8 seconds. After a write
     /// error the buffer stays pending.
@@ -93,7 +96,7 @@ public:
     bool isSendDataPending() const { return m_dataToBeSent != 0; }
 
     /// Closes the descriptor and forgets everything. A listening local socket removes its file.
-    void cleanUp();
+    [[gnu::cold]] void cleanUp();
 
     SocketState_ state() const { return m_state; }
     int descriptor() const { return m_descriptor; }
@@ -109,7 +112,7 @@ private:
     bool connect();
     bool check();
     bool check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete);
-    bool check(BasicBuffer_& sendBuffer);
+    [[gnu::noinline]] bool check(BasicBuffer_& sendBuffer);
 
     bool isQuiet(std::uint64_t spell) const { return m_quietSpell == spell && spell != kNoQuietSpell; }
     void becomeConnected();
