@@ -48,7 +48,11 @@ Utf8String_ takeRoom(std::size_t length) noexcept {
     return room;
 }
 
-[[gnu::noinline]] void assignLongText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
+[[gnu::noinline]] void replaceText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
+    if (length <= text.capacity()) {
+        text.assign(p_bytes, length);
+        return;
+    }
     Utf8String_ room = takeRoom(length);
     room.assign(p_bytes, length);
     text.swap(room);
@@ -57,13 +61,12 @@ Utf8String_ takeRoom(std::size_t length) noexcept {
 
 }  // namespace
 
-[[gnu::hot]] void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
-    if (length > text.capacity()) {
-        assignLongText(text, p_bytes, length);
-    } else if (text.empty()) {
+// Not inlined: a message has three texts, and is written and read.
+[[gnu::hot, gnu::noinline]] void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length) {
+    if (text.empty() && length <= text.capacity()) {
         text.append(p_bytes, length);  // a new message's; what is appended cannot overlap, which is faster
     } else {
-        text.assign(p_bytes, length);
+        replaceText(text, p_bytes, length);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "terminal/active_connections.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace {
 
@@ -10,9 +11,13 @@ using IsLess_ = libcpp::IsLess_<SP_VekmsgConnection_>;
 
 [[gnu::hot]] ActiveConnections_::iterator ActiveConnections_::find(
     const SP_VekmsgConnection_& sp_connection) const {
+    if (m_latest < size() && m_connections[m_latest]->hasPeerOf(*sp_connection))
+        return begin() + static_cast<std::ptrdiff_t>(m_latest);
     const iterator found = std::lower_bound(begin(), end(), sp_connection, IsLess_());
     const bool isThere = found != end() && !IsLess_()(sp_connection, *found);
-    return isThere ? found : end();
+    if (!isThere) return end();
+    m_latest = static_cast<std::size_t>(found - begin());
+    return found;
 }
 
 ActiveConnections_::iterator ActiveConnections_::upper_bound(

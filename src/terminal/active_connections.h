@@ -48,6 +48,10 @@ public:
 private:
     Connections_ m_connections;
     unsigned int m_changes = 0;
+
+    // Where `find` found the last one: most messages go where the one before went. Only a guess, as others
+    // come and go.
+    mutable std::size_t m_latest = 0;
 };
 
 #endif

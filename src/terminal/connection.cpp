@@ -281,26 +281,26 @@ bool VekmsgConnection_::processPollEvents(Name_, SP_BasicBuffer_& sp_buffer) {
 }
 
 [[gnu::hot]] bool VekmsgConnection_::queueReceivedBlock(SP_BasicBuffer_& sp_buffer) {
-    const SP_BasicBuffer_ sp_block = sp_buffer;
-    m_receivedBuffers.push_back(sp_block);
     const unsigned int blockSize = m_decodeOffset;
-    if (blockSize == sp_block->dataLength()) {
-        sp_buffer.reset();
+    if (blockSize == sp_buffer->dataLength()) {
+        m_receivedBuffers.push_back(std::move(sp_buffer));
         return discardAllDecodedPayload(sp_buffer);
     }
     // Bytes of the next block follow: they move to a buffer of their own, and the block keeps only itself.
+    const SP_BasicBuffer_ sp_block = sp_buffer;
+    m_receivedBuffers.push_back(sp_block);
     const bool isMoved = discardAllDecodedPayload(sp_buffer);
     sp_block->setDataArea(sp_block->dataOffset(), blockSize);
     return isMoved;
 }
 
-[[gnu::hot]] void VekmsgConnection_::receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size,
+[[gnu::hot]] void VekmsgConnection_::receiveUnit(SP_BasicBuffer_& sp_buffer, unsigned int size,
                                                  ConnectionState_ nextState) {
     if (m_connectionState != STATE_FAILED && isWholeUnitIn(*sp_buffer, size, nextState)) {
-        m_sp_wholeUnit = sp_buffer;
+        m_sp_wholeUnit = std::move(sp_buffer);
         m_connectionState = nextState;
     } else {
-        startReceiving(sp_buffer, size, nextState);
+        startReceiving(std::move(sp_buffer), size, nextState);
     }
 }
 
@@ -316,7 +316,7 @@ bool VekmsgConnection_::isWholeUnitIn(const BasicBuffer_& buffer, unsigned int s
     bool hasMessages = hasReceived();
     if (!hasMessages && !processPollEvents(hasMessages)) return false;
     if (!hasReceived()) return true;
-    sp_buffer = m_receivedBuffers.front();
+    sp_buffer.swap(m_receivedBuffers.front());
     m_receivedBuffers.pop_front();
     return true;
 }

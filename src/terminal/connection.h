@@ -127,6 +127,11 @@ public:
 
     bool isConnected() const;
 
+    /// Whether both have a peer name, the same.
+    bool hasPeerOf(const VekmsgConnection_& connection) const {
+        return m_sp_peerName && connection.m_sp_peerName && *m_sp_peerName == *connection.m_sp_peerName;
+    }
+
     /// By peer name, null first.
     bool isLess(const VekmsgConnection_* p_connection) const;
 
@@ -204,7 +209,8 @@ protected:
     bool queueReceivedBlock(SP_BasicBuffer_& sp_buffer);
 
     /// Goes on in a buffer that already holds the next unit whole, else asks the socket for what is missing.
-    void receiveUnit(const SP_BasicBuffer_& sp_buffer, unsigned int size, ConnectionState_ nextState);
+    /// The buffer is the caller's no longer.
+    void receiveUnit(SP_BasicBuffer_& sp_buffer, unsigned int size, ConnectionState_ nextState);
     bool isWholeUnitIn(const BasicBuffer_& buffer, unsigned int size, ConnectionState_ nextState) const;
     bool hasPartnersAndBudget() const;
 

@@ -160,7 +160,7 @@ protected:
     bool receiveMessage(Blocks_, SP_BasicBuffer_& sp_buffer, const SP_Utf8String_& sp_peerName);
     Decoded_ receiveMessage(FirstBlock_, SP_BasicBuffer_& sp_buffer, SP_BasicBuffer_& sp_rest,
                             const SP_Utf8String_& sp_peerName, SP_VekMessage_& sp_message);
-    void receiveMessage(Dispatching_, const SP_VekMessage_& sp_message, const SP_Utf8String_& sp_peerName);
+    void receiveMessage(Dispatching_, SP_VekMessage_&& sp_message, const SP_Utf8String_& sp_peerName);
     [[gnu::noinline]] void receiveMessage(Forwarding_, const SP_VekMessage_& sp_message,
                                           const SP_Utf8String_& sp_peerName);
     [[gnu::cold]] void receiveMessage(Pinging_, const SP_VekMessage_& sp_message,

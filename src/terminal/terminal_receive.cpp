@@ -1,5 +1,7 @@
 // From received blocks to messages: delivered, answered, forwarded or dropped.
 
+#include <utility>
+
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "foundation/quiet_spell.h"
@@ -111,7 +113,7 @@ void VekmsgTerminalImpl_::putBack(const SP_BasicBuffer_& sp_buffer,
         if (decoded == Decoded_::Dropped) return true;
         sp_buffer.swap(sp_rest);
         if (m_sp_receiveFilter && !passesFilter(m_sp_receiveFilter, sp_message)) return false;
-        if (sp_message) receiveMessage(Dispatching_(), sp_message, sp_peerName);
+        if (sp_message) receiveMessage(Dispatching_(), std::move(sp_message), sp_peerName);
     }
     return true;
 }
@@ -120,8 +122,8 @@ void VekmsgTerminalImpl_::putBack(const SP_BasicBuffer_& sp_buffer,
     FirstBlock_, SP_BasicBuffer_& sp_buffer, SP_BasicBuffer_& sp_rest, const SP_Utf8String_& sp_peerName,
     SP_VekMessage_& sp_message) {
     if (!createMessage(sp_message)) return Decoded_::Failed;
-    const SP_VekMessageBinary_ sp_impMessage = sp_message;
-    if (!sp_impMessage) {
+    auto* p_impMessage = libcpp::castTo<VekMessageBinary_>(sp_message.get());
+    if (p_impMessage == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::receiveMessage() invalid sp_impMessage");
         return Decoded_::Failed;
     }
@@ -142,7 +144,7 @@ void VekmsgTerminalImpl_::putBack(const SP_BasicBuffer_& sp_buffer,
         return Decoded_::Dropped;
     }
     if (sp_buffer->dataLength() > length) sp_rest = splitBehind(*sp_buffer, length);
-    const unsigned int used = sp_impMessage->deserialize(sp_buffer);
+    const unsigned int used = p_impMessage->deserialize(sp_buffer);
     if (used == 0) {
         VEKMSG_LOG_WARNING("%s deserializer failed to handle data from %s", printable(m_sp_componentName),
                            printable(sp_peerName));
@@ -154,7 +156,7 @@ void VekmsgTerminalImpl_::putBack(const SP_BasicBuffer_& sp_buffer,
     return Decoded_::Message;
 }
 
-[[gnu::hot]] void VekmsgTerminalImpl_::receiveMessage(Dispatching_, const SP_VekMessage_& sp_message,
+[[gnu::hot]] void VekmsgTerminalImpl_::receiveMessage(Dispatching_, SP_VekMessage_&& sp_message,
                                                       const SP_Utf8String_& sp_peerName) {
     const Utf8Char_* p_destination = sp_message->getDestination();
     if (p_destination == nullptr) {
@@ -166,7 +168,7 @@ void VekmsgTerminalImpl_::putBack(const SP_BasicBuffer_& sp_buffer,
     } else if (isSameText(printable(sp_message->getPayloadSchema()), kPingRequest)) {
         receiveMessage(Pinging_(), sp_message, sp_peerName);
     } else {
-        m_receivedMessages.push_back(sp_message);
+        m_receivedMessages.push_back(std::move(sp_message));
     }
 }
 

@@ -1,11 +1,13 @@
 // From a message to a block on the connection with its destination.
 
+#include <utility>
+
 #include "foundation/exception_barrier.h"
 #include "foundation/log_record.h"
 #include "foundation/utf8_name.h"
 #include "terminal/terminal_impl.h"
 
-[[gnu::hot]] bool VekmsgTerminalImpl_::createMessage(SP_VekMessage_& sp_message) try {
+[[gnu::hot, gnu::noinline]] bool VekmsgTerminalImpl_::createMessage(SP_VekMessage_& sp_message) try {
     sp_message = SP_VekMessage_(new (std::nothrow) VekMessageBinary_);
     if (!sp_message) VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::createMessage() Can't create vekMessageBinary_");
     return !sp_message.isNull();
@@ -37,19 +39,19 @@ VEKMSG_RETURN_ON_EXCEPTION(false)
     if (m_sp_sendFilter && !passesFilter(m_sp_sendFilter, sp_message)) return false;
     if (!sp_message) return true;
 
-    const SP_VekMessageBinary_ sp_binary(sp_message);
-    if (!sp_binary) {
+    auto* p_binary = libcpp::castTo<VekMessageBinary_>(sp_message.get());
+    if (p_binary == nullptr) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() sp_message is not binary encoded");
         return false;
     }
-    const SP_Utf8String_ sp_destination = createUtf8String(sp_binary->getDestination());
+    const SP_Utf8String_ sp_destination = createUtf8String(p_binary->getDestination());
     if (!sp_destination) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() can't create Utf8String_");
         return false;
     }
     SP_VekmsgConnection_ sp_connection = findActiveConnection(sp_destination);
     if (!sp_connection && !sendMessage(Opening_(), sp_destination, sp_connection)) return false;
-    return sendMessage(Handing_(), *sp_binary, *sp_connection);
+    return sendMessage(Handing_(), *p_binary, *sp_connection);
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
@@ -154,7 +156,7 @@ bool VekmsgTerminalImpl_::sendMessage(Selecting_, const Utf8String_& destination
     VekmsgConnection_::writeEncodingBlockHeader(sp_buffer->data() - headerSize,
                                                 VekmsgConnection_::BINARY_ENCODED_MESSAGE, length);
     sp_buffer->extendDataIntoHeader(static_cast<int>(headerSize));
-    if (!connection.sendEncodedMessage(sp_buffer))
+    if (!connection.sendEncodedMessage(std::move(sp_buffer)))
         VEKMSG_LOG_DEBUG("VekmsgTerminalImpl_::sendMessage() Unrecoverable send error at %s",
                          printable(m_sp_componentName));
     return true;

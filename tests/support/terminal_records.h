@@ -53,7 +53,7 @@ constexpr char kFirstBlock[] = "VekmsgTerminalImpl_::Decoded_ VekmsgTerminalImpl
                                "FirstBlock_, libcpp::SP_BasicBuffer_&, libcpp::SP_BasicBuffer_&, const "
                                "SP_Utf8String_&, SP_VekMessage_&)";
 constexpr char kDispatching[] = "void VekmsgTerminalImpl_::receiveMessage(" STAGE
-                                "Dispatching_, const SP_VekMessage_&, const SP_Utf8String_&)";
+                                "Dispatching_, SP_VekMessage_&&, const SP_Utf8String_&)";
 constexpr char kForwarding[] = "void VekmsgTerminalImpl_::receiveMessage(" STAGE
                                "Forwarding_, const SP_VekMessage_&, const SP_Utf8String_&)";
 constexpr char kPinging[] = "void VekmsgTerminalImpl_::receiveMessage(" STAGE

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <new>
+#include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -77,6 +79,30 @@ TEST_F(ActiveConnections, areFoundByName) {
     EXPECT_EQ(nameOf(*m_connections.find(connectionTo("emil"))), "emil");
     for (const char* p_name : {"abel", "bert", "zora"})
         EXPECT_EQ(m_connections.find(connectionTo(p_name)), m_connections.end());
+}
+
+TEST_F(ActiveConnections, areFoundWhereverTheyStandByNow) {
+    std::mt19937 random(1);
+    std::set<std::string> expected = {"anna", "cora", "dora", "emil"};
+    for (unsigned int step = 0; step < 3000; ++step) {
+        const std::string name(1 + random() % 2, static_cast<char>('a' + random() % 6));
+        const SP_VekmsgConnection_ sp_connection = connectionTo(name.c_str());
+        const auto found = m_connections.find(sp_connection);
+        ASSERT_EQ(found != m_connections.end(), expected.count(name) != 0) << name;
+        if (found == m_connections.end()) {
+            if (random() % 2 != 0) expected.insert(nameOf(*m_connections.insert(sp_connection).first));
+        } else {
+            ASSERT_EQ(nameOf(*found), name);
+            ASSERT_EQ(m_connections.find(sp_connection), found);
+            if (random() % 4 == 0) {
+                m_connections.erase(found);
+                expected.erase(name);
+            }
+        }
+        ASSERT_EQ(m_connections.size(), expected.size());
+    }
+    m_connections.clear();
+    EXPECT_EQ(m_connections.find(connectionTo("anna")), m_connections.end());
 }
 
 TEST_F(ActiveConnections, theNextOneIsThatWithTheNextGreaterName) {
