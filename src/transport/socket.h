@@ -48,7 +48,7 @@ public:
 
     /// Takes one waiting peer; `sp_socket` is null, and the result true, when nobody waits. When a descriptor
     /// was accepted but cannot be used, it is left open.
-    [[gnu::cold]] bool accept(SP_VekSocket_& sp_socket);
+    [[gnu::cold, gnu::noinline]] bool accept(SP_VekSocket_& sp_socket);
 
     /// Makes this new socket the stream of an accepted descriptor and its owner.
     bool accepted(int descriptor, VekSocketAddress_::AddressType_ type);

@@ -47,6 +47,11 @@ class Builds:
         self.build(PRESETS[bits], "vekmsg")
         return self.path(PRESETS[bits]) / "src" / "libvekmsg.so"
 
+    def static_library(self, bits):
+        """The same, of which nothing is optimised across its sources."""
+        self.build(PRESETS[bits], "vekmsg_static")
+        return self.path(PRESETS[bits]) / "src" / "libvekmsg.a"
+
     def build(self, preset, target="all"):
         if preset not in self._configured:
             self.install(*PACKAGES[preset])
