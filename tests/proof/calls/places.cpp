@@ -17,11 +17,11 @@ namespace {
 
 /// Functions of the C library that stay inside the process; what happens without memory is proved elsewhere.
 const std::set<std::string> kSilent = {
-    "__cxa_finalize",   "__divdi3", "__errno_location", "__tls_get_addr", "___tls_get_addr",
-    "__stack_chk_fail", "free",     "inet_aton",        "inet_ntoa",      "malloc",
-    "memchr",           "memcmp",   "memcpy",           "memmove",        "memset",
-    "snprintf",         "strchr",   "strcmp",           "strerror",       "strlen",
-    "strncmp",          "strncpy",  "strnlen",          "strtol",         "vsnprintf"};
+    "__cxa_finalize", "__divdi3", "__errno_location", "__tls_get_addr", "___tls_get_addr", "__stack_chk_fail",
+    "bcmp",           "free",     "inet_aton",        "inet_ntoa",      "malloc",          "memchr",
+    "memcmp",         "memcpy",   "memmove",          "memset",         "snprintf",        "strchr",
+    "strcmp",         "strerror", "strlen",           "strncmp",        "strncpy",         "strnlen",
+    "strtol",         "vsnprintf"};
 
 struct Search_ {
     std::string m_name;
