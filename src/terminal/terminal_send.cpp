@@ -7,6 +7,7 @@
 #include "foundation/utf8_name.h"
 #include "terminal/terminal_impl.h"
 
+// Not inlined: who sends makes a message, and so does who decodes one.
 [[gnu::hot, gnu::noinline]] bool VekmsgTerminalImpl_::createMessage(SP_VekMessage_& sp_message) try {
     sp_message = SP_VekMessage_(new (std::nothrow) VekMessageBinary_);
     if (!sp_message) VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::createMessage() Can't create vekMessageBinary_");

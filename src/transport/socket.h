@@ -47,7 +47,8 @@ public:
     bool listen(unsigned int backlog);
 
     /// Takes one waiting peer; `sp_socket` is null, and the result true, when nobody waits. When a descriptor
-    /// was accepted but cannot be used, it is left open.
+    /// was accepted but cannot be used, it is left open. A function of its own in every build: the proof
+    /// without memory knows such descriptors by it.
     [[gnu::cold, gnu::noinline]] bool accept(SP_VekSocket_& sp_socket);
 
     /// Makes this new socket the stream of an accepted descriptor and its owner.
