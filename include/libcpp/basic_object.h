@@ -30,6 +30,8 @@ protected:
     /// `removeRef` without the destruction: true when that is left to do.
     bool dropRef() noexcept { return --m_referenceCount == 0; }
 
+    bool isHeldOnce() const noexcept { return m_referenceCount == 1; }
+
 private:
     std::uint32_t m_referenceCount = 0;
 };

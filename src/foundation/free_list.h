@@ -119,20 +119,18 @@ private:
     }
 };
 
-/// Puts what standard containers take on the thread's free lists: single nodes, and arrays of 16, 32, 64 and
-/// 128, as a growing array passes through them. Others come from the heap.
+/// Puts the nodes of standard containers on the thread's free lists. Arrays come from the heap.
 template <class T>
 struct FreeListAllocator_ {
     using value_type = T;
-
-    static constexpr std::size_t kSmallestArray = 16;
 
     FreeListAllocator_() noexcept = default;
     template <class U>
     FreeListAllocator_(const FreeListAllocator_<U>&) noexcept {}
 
     T* allocate(std::size_t count) {
-        void* p_memory = count == 1 ? Nodes_::take() : takeArray<kSmallestArray>(count);
+        if (count != 1) return std::allocator<T>().allocate(count);
+        void* p_memory = Nodes_::take();
         if (p_memory == nullptr) throw std::bad_alloc();
         return static_cast<T*>(p_memory);
     }
@@ -140,7 +138,7 @@ struct FreeListAllocator_ {
         if (count == 1) {
             Nodes_::give(p_memory);
         } else {
-            giveArray<kSmallestArray>(p_memory, count);
+            std::allocator<T>().deallocate(p_memory, count);
         }
     }
 
@@ -154,37 +152,7 @@ struct FreeListAllocator_ {
     }
 
 private:
-    // Of a pointer, its own size is meant.  NOLINTNEXTLINE(bugprone-sizeof-expression)
-    static constexpr std::size_t kEach = sizeof(T);
-
-    using Nodes_ = FreeList_<kEach, 256>;
-    template <std::size_t Count>
-    using Arrays_ = FreeList_<Count * kEach, 32>;
-
-    static constexpr std::size_t kLargestArray = 128;
-
-    /// Null when memory is short.
-    template <std::size_t Count>
-    static void* takeArray(std::size_t count) noexcept {
-        if (count == Count) return Arrays_<Count>::take();
-        if constexpr (Count < kLargestArray) {
-            return takeArray<2 * Count>(count);
-        } else {
-            const bool isTooMany = count > static_cast<std::size_t>(-1) / kEach;
-            return isTooMany ? nullptr : takeFromHeap(count * kEach);
-        }
-    }
-
-    template <std::size_t Count>
-    static void giveArray(T* p_memory, std::size_t count) noexcept {
-        if (count == Count) {
-            Arrays_<Count>::give(p_memory);
-        } else if constexpr (Count < kLargestArray) {
-            giveArray<2 * Count>(p_memory, count);
-        } else {
-            ::operator delete(p_memory);
-        }
-    }
+    using Nodes_ = FreeList_<sizeof(T), 256>;
 };
 
 /// Gives a class its memory from a free list: derive the class from this and create it with a non-throwing

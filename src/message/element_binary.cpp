@@ -137,17 +137,6 @@ bool VekmsgElementBinary_::storeText(const Utf8Char_* p_text) {
     return fits;
 }
 
-[[gnu::hot]] void VekmsgElementBinary_::storeReceivedText(const unsigned char* p_text, unsigned int length) {
-    const auto* p_end = static_cast<const unsigned char*>(std::memchr(p_text, 0, length));
-    if (p_end == nullptr) return storeOpenText(p_text, length);
-    store(p_text, static_cast<unsigned int>(p_end - p_text) + 1);
-}
-
-void VekmsgElementBinary_::storeOpenText(const unsigned char* p_text, unsigned int length) {
-    store(p_text, length);
-    closeText();
-}
-
 void VekmsgElementBinary_::closeText() {
     if (m_writtenSize == VEKMSG_MAX_VALUE_SIZE) m_value[VEKMSG_MAX_VALUE_SIZE - 1] = 0;
     const auto* p_end = static_cast<const unsigned char*>(std::memchr(m_value, 0, m_writtenSize));
@@ -190,13 +179,15 @@ bool VekmsgElementBinary_::addSubelements(SP_VekmsgElement_ sp_subElement) try {
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
-SP_VekmsgElement_ VekmsgElementBinary_::subElementAt(SubElements_::Position_ position) const {
-    return position < m_subElements.size() ? SP_VekmsgElement_(m_subElements[position]) : SP_VekmsgElement_();
+SP_VekmsgElement_ VekmsgElementBinary_::handOut(VekmsgElementBinary_* p_subElement) const {
+    m_subElements.unseal();
+    return SP_VekmsgElement_(p_subElement);
 }
 
 SP_VekmsgElement_ VekmsgElementBinary_::findFirstMatchingSubelement(VekmsgTag_ tag) const {
     if (m_type != VEKMSG_COMPLEX) return SP_VekmsgElement_();
-    if (isAny(tag)) return subElementAt(0);
+    if (isAny(tag)) return m_subElements.size() != 0 ? handOut(m_subElements[0]) : SP_VekmsgElement_();
+    if (VekmsgElementBinary_* p_guess = m_subElements.guess(tag)) return handOut(p_guess);
     const SP_VekmsgElementBinary_ sp_probe = createSibling(tag);
     if (sp_probe.isNull()) {
         VEKMSG_LOG_ERROR(
@@ -205,7 +196,8 @@ SP_VekmsgElement_ VekmsgElementBinary_::findFirstMatchingSubelement(VekmsgTag_ t
     }
     const SubElements_::Position_ found = m_subElements.lowerBound(sp_probe.get());
     if (found == m_subElements.size() || sp_probe->isLess(m_subElements[found])) return SP_VekmsgElement_();
-    return subElementAt(found);
+    m_subElements.noteFound(found);
+    return handOut(m_subElements[found]);
 }
 
 bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
@@ -228,16 +220,27 @@ bool VekmsgElementBinary_::querySubelements(VekmsgTag_ tag) {
 }
 
 SP_VekmsgElement_ VekmsgElementBinary_::getNextSubelement() {
-    return m_subElements.hasNext() ? SP_VekmsgElement_(m_subElements.next()) : SP_VekmsgElement_();
+    return m_subElements.hasNext() ? handOut(m_subElements.next()) : SP_VekmsgElement_();
 }
 
 void VekmsgElementBinary_::endQuerySubelements() {
     m_subElements.endQuery();
 }
 
-bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, unsigned int& value) const {
+template <class... Value>
+inline bool VekmsgElementBinary_::readSubElement(VekmsgTag_ tag, Value&... value) const {
+    const VekmsgElementBinary_* p_guess = m_type == VEKMSG_COMPLEX ? m_subElements.guess(tag) : nullptr;
+    return p_guess != nullptr ? p_guess->getValue(value...) : readFoundSubElement(tag, value...);
+}
+
+template <class... Value>
+bool VekmsgElementBinary_::readFoundSubElement(VekmsgTag_ tag, Value&... value) const {
     const SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
-    return !sp_subElement.isNull() && sp_subElement->getValue(value);
+    return !sp_subElement.isNull() && sp_subElement->getValue(value...);
+}
+
+bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, unsigned int& value) const {
+    return readSubElement(tag, value);
 }
 
 bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, bool& value) const {
@@ -248,14 +251,12 @@ bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, bool& value) const
 }
 
 bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, const Utf8Char_*& p_value) const {
-    const SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
-    return !sp_subElement.isNull() && sp_subElement->getValue(p_value);
+    return readSubElement(tag, p_value);
 }
 
 bool VekmsgElementBinary_::getSubElementValue(VekmsgTag_ tag, const unsigned char*& p_value,
                                               unsigned int& length) const {
-    const SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
-    return !sp_subElement.isNull() && sp_subElement->getValue(p_value, length);
+    return readSubElement(tag, p_value, length);
 }
 
 SP_VekmsgElement_ VekmsgElementBinary_::findOrAddSubElement(VekmsgTag_ tag) {

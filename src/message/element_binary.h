@@ -24,18 +24,26 @@ public:
     /// `p_message` is only remembered, never dereferenced: an element may outlive the message that made it.
     // cppcheck-suppress uninitMemberVar
     VekmsgElementBinary_(VekmsgTag_ tag, const VekMessageBinary_* p_message)
-        : m_p_message(p_message), m_tag(tag) {}
+        : m_tag(tag), m_p_message(p_message) {}
     ~VekmsgElementBinary_() override;
 
     /// `removeRef` for many in a row. True when the element was destroyed and its memory is left to the
     /// caller; one of a derived class takes its memory with it.
     bool removeRefOnly() {
-        if (typeid(*this) != typeid(VekmsgElementBinary_)) {
+        if (!isOfThisClass()) {
             removeRef();
             return false;
         }
         if (!dropRef()) return false;
         VekmsgElementBinary_::~VekmsgElementBinary_();
+        return true;
+    }
+
+    /// Lets go of the sub-elements, so that the element can be read into again. False, with nothing changed,
+    /// where somebody besides the caller holds it, or it is of a derived class.
+    bool becomeSpare() {
+        if (!isHeldOnce() || !isOfThisClass()) return false;
+        m_subElements.clear();
         return true;
     }
 
@@ -98,18 +106,16 @@ private:
         const unsigned char* m_p_value;
     };
 
+    friend class SubElements_;
+
+    bool isOfThisClass() const { return &typeid(*this) == &typeid(VekmsgElementBinary_); }
+
     unsigned int storedUint() const;
     void storeUint(unsigned int value);
     void store(const unsigned char* p_bytes, unsigned int length);
 
     /// False when the text had to be cut.
     bool storeText(const Utf8Char_* p_text);
-
-    /// Stores text from the wire up to its NUL, which need not be there.
-    void storeReceivedText(const unsigned char* p_text, unsigned int length);
-
-    /// Stores text from the wire that has no NUL.
-    [[gnu::noinline]] void storeOpenText(const unsigned char* p_text, unsigned int length);
 
     /// Ends the text in the storage at its first zero byte, which may be the first one never written.
     void closeText();
@@ -124,8 +130,8 @@ private:
     /// A new element of the same message; null with a record when memory is short.
     SP_VekmsgElementBinary_ createSibling(VekmsgTag_ tag) const;
 
-    /// The sub-element at the position, or null behind the last.
-    SP_VekmsgElement_ subElementAt(SubElements_::Position_ position) const;
+    /// For the application to hold, and to change.
+    SP_VekmsgElement_ handOut(VekmsgElementBinary_* p_subElement) const;
 
     /// Null when there was no such sub-element and none could be added.
     SP_VekmsgElement_ findOrAddSubElement(VekmsgTag_ tag);
@@ -137,27 +143,48 @@ private:
     [[gnu::noinline]] unsigned int serializeSubElements(unsigned char* p_endOfFreespace,
                                                         unsigned int freespaceSize) const;
 
-    /// Stores a value from the wire of which nothing has to be said, as nearly all are. False, with nothing
-    /// changed, for any other.
-    bool storePlainValue(const ElementHeader_& header, const unsigned char* p_value);
+    /// Stores a value from the wire of which nothing has to be said, as nearly all are, in few steps; text up
+    /// to its NUL. `available` bytes can be read. False, with nothing changed, for any other. What was
+    /// written is left for the caller to note.
+    bool storePlainValue(const ElementHeader_& header, const unsigned char* p_value, unsigned int available);
+    void copyValue(const unsigned char* p_bytes, unsigned int length, unsigned int available);
 
-    /// Reads an element of exactly this class that has such a value, in few steps. 0, with nothing changed,
-    /// for any other, which `deserialize` has to read.
-    unsigned int deserializePlainValue(const unsigned char* p_bytestream, unsigned int bytestreamLength);
+    /// Makes this a new element with such a value, but for the message. False, with nothing changed, for any
+    /// other.
+    bool renew(const ElementHeader_& header, const unsigned char* p_value, unsigned int available);
 
     // The stages of reading: a content item that is no plain value, and the sub-elements in it.
     bool deserialize(const Item_& content);
     bool deserialize(const Item_& content, SubElements_& subElements);
 
+    /// Reads sub-elements, as many as are plain values in the order of tags and there are spares for. The
+    /// bytes consumed, which may be none.
+    unsigned int deserializePlainValues(const unsigned char* p_bytestream, unsigned int bytestreamLength,
+                                        SubElements_& subElements) const;
+
+    /// Reads one sub-element of any kind. Requires a spare. The bytes consumed, or 0 with a record.
+    unsigned int deserializeSubElement(const unsigned char* p_bytestream, unsigned int bytestreamLength,
+                                       SubElements_& subElements) const;
+
+    /// A spare where there is none. False with a record when memory is short, or throws.
+    [[gnu::noinline]] bool createSpare(SubElements_& subElements) const;
+
+    /// Asks the first sub-element with the tag for its value.
+    template <class... Value>
+    bool readSubElement(VekmsgTag_ tag, Value&... value) const;
+    template <class... Value>
+    [[gnu::noinline]] bool readFoundSubElement(VekmsgTag_ tag, Value&... value) const;
+
     bool printElement(std::ostream& stream, unsigned int indent) const;
     bool printValue(std::ostream& stream, unsigned int indent) const;
     bool printSubElements(std::ostream& stream, unsigned int indent) const;
 
-    const VekMessageBinary_* m_p_message;
+    // The smaller ones where they leave no gap: with what is before them they are one line of the cache.
     VekmsgTag_ m_tag;
+    const VekMessageBinary_* m_p_message;
+    SubElements_ m_subElements;
     VekmsgDataType_ m_type = VEKMSG_UNDEFINED;
     unsigned int m_valueLength = 0;
-    SubElements_ m_subElements;
     unsigned int m_writtenSize = 0;  // up to here this element wrote into m_value; m_valueLength is within
 
     // Never cleared; bytes from m_writtenSize on count as zero. Last, so that a short value lies next to all
@@ -170,13 +197,34 @@ inline bool SubElements_::isLess(const VekmsgElementBinary_* p_a, const VekmsgEl
 }
 
 inline void SubElements_::add(VekmsgElementBinary_* p_element) {
-    auto& elements = m_p_family->m_elements;
-    if (!elements.empty() && isLess(p_element, elements.back())) {
-        addInside(p_element);
-    } else {
-        if (hasNext()) keepQuery(elements.size());
-        elements.push_back(p_element);
-    }
+    Family_& family = *m_p_family;
+    VekmsgElementBinary_*& p_place = family.m_elements[family.m_size];
+    family.m_elements[family.m_total++] = p_place;  // a spare, if there are any
+    p_place = p_element;
+    family.m_isSealed = false;
+    const bool isQueriedToTheEnd = hasNext() && family.m_queryEnd == family.m_size;
+    addSpare();
+    if (isQueriedToTheEnd) family.m_queryEnd = family.m_size;
+}
+
+inline void SubElements_::addSpare() {
+    if (m_p_family->m_size != 0 && isLess(*end(), end()[-1])) return addInside();
+    ++m_p_family->m_size;
+}
+
+inline VekmsgTag_ SubElements_::lastTag() const {
+    return size() != 0 && end()[-1] != nullptr ? end()[-1]->m_tag : VEKMSGTAG_ANY;
+}
+
+inline VekmsgElementBinary_* SubElements_::guess(VekmsgTag_ tag) const {
+    if (m_p_family == nullptr || m_p_family->m_guess >= m_p_family->m_size) return nullptr;
+    const auto hasTag = [tag](const VekmsgElementBinary_* p_element) {
+        return p_element != nullptr && p_element->m_tag == tag;
+    };
+    VekmsgElementBinary_* const* p_place = begin() + m_p_family->m_guess;
+    if (!hasTag(*p_place) || (m_p_family->m_guess != 0 && hasTag(p_place[-1]))) return nullptr;
+    ++m_p_family->m_guess;
+    return *p_place;
 }
 
 #endif

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 
 #include "foundation/exception_barrier.h"
@@ -130,8 +131,9 @@ unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFr
     const unsigned char* p_value = p_bytestream + kElementHeaderSize;
     setTag(header.m_tag);
     m_type = header.m_type;
-    if (!storePlainValue(header, p_value) &&
-        !deserialize({header.m_contentTag, header.m_type, header.m_length, p_value})) {
+    if (storePlainValue(header, p_value, bytestreamLength - kElementHeaderSize)) {
+        m_writtenSize = std::max(m_writtenSize, m_valueLength);
+    } else if (!deserialize({header.m_contentTag, header.m_type, header.m_length, p_value})) {
         fillRefusedValue();
         return 0;
     }
@@ -140,35 +142,41 @@ unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFr
 }
 VEKMSG_RETURN_ON_EXCEPTION(0)
 
-inline bool VekmsgElementBinary_::storePlainValue(const ElementHeader_& header,
-                                                  const unsigned char* p_value) {
-    if (header.m_contentTag != VEKMSGTAG_ELEMENT_CONTENT) return false;
+/// Copies what is short by a known size, in place, though that may be more than it is: what lies behind the
+/// written part of a storage counts as zero whatever it is.
+inline void VekmsgElementBinary_::copyValue(const unsigned char* p_bytes, unsigned int length,
+                                            unsigned int available) {
+    constexpr unsigned int kShort = 32;
+    if (length <= kShort && available >= kShort) {
+        std::memcpy(m_value, p_bytes, kShort);
+    } else {
+        std::memcpy(m_value, p_bytes, length);
+    }
+    m_valueLength = length;
+}
+
+inline bool VekmsgElementBinary_::storePlainValue(const ElementHeader_& header, const unsigned char* p_value,
+                                                  unsigned int available) {
+    if (header.m_contentTag != VEKMSGTAG_ELEMENT_CONTENT || header.m_length > VEKMSG_MAX_VALUE_SIZE)
+        return false;
     switch (header.m_type) {
         case VEKMSG_UINT:
             if (header.m_length != kUintSize) return false;
-            store(p_value, kUintSize);
+            std::memcpy(m_value, p_value, kUintSize);
+            m_valueLength = kUintSize;
             return true;
-        case VEKMSG_STRING:
-            if (header.m_length > VEKMSG_MAX_VALUE_SIZE) return false;
-            storeReceivedText(p_value, header.m_length);
+        case VEKMSG_STRING: {
+            const auto* p_end = static_cast<const unsigned char*>(std::memchr(p_value, 0, header.m_length));
+            if (p_end == nullptr) return false;
+            copyValue(p_value, static_cast<unsigned int>(p_end - p_value) + 1, available);
             return true;
+        }
         case VEKMSG_BINARY:
-            if (header.m_length > VEKMSG_MAX_VALUE_SIZE) return false;
-            store(p_value, header.m_length);
+            copyValue(p_value, header.m_length, available);
             return true;
         default:
             return false;
     }
-}
-
-inline unsigned int VekmsgElementBinary_::deserializePlainValue(const unsigned char* p_bytestream,
-                                                                unsigned int bytestreamLength) {
-    if (!isWhole(p_bytestream, bytestreamLength)) return 0;
-    const ElementHeader_ header = loadElementHeader(p_bytestream);
-    if (!storePlainValue(header, p_bytestream + kElementHeaderSize)) return 0;
-    m_tag = header.m_tag;
-    m_type = header.m_type;
-    return kElementHeaderSize + header.m_length;
 }
 
 bool VekmsgElementBinary_::deserialize(const Item_& content) {
@@ -193,6 +201,11 @@ bool VekmsgElementBinary_::deserialize(const Item_& content) {
             storeUint(lowUint(content.m_p_value, content.m_length));
             return true;
         case VEKMSG_STRING:
+            if (content.m_length <= VEKMSG_MAX_VALUE_SIZE) {  // there is no NUL
+                store(content.m_p_value, content.m_length);
+                closeText();
+                return true;
+            }
             VEKMSG_LOG_ERROR(
                 "VekmsgElementBinary_::deserialize() tag %u of STRING type has a length %u exceeding the "
                 "limit",
@@ -215,20 +228,72 @@ bool VekmsgElementBinary_::deserialize(const Item_& content) {
 bool VekmsgElementBinary_::deserialize(const Item_& content, SubElements_& subElements) {
     const unsigned char* p_rest = content.m_p_value;
     unsigned int remaining = content.m_length;
+    subElements.prepareSpares();
     do {
-        SP_VekmsgElementBinary_ sp_child = createSibling(VEKMSGTAG_ANY);
-        if (sp_child.isNull()) {
+        if (!subElements.hasSpare() && !createSpare(subElements)) {
             VEKMSG_LOG_ERROR("VekmsgElementBinary_::deserialize() createElement() returned invalid object");
             return false;
         }
-        unsigned int consumed = sp_child->deserializePlainValue(p_rest, remaining);
-        if (consumed == 0) consumed = sp_child->deserialize(p_rest, remaining);
+        unsigned int consumed = deserializePlainValues(p_rest, remaining, subElements);
+        if (consumed == 0) consumed = deserializeSubElement(p_rest, remaining, subElements);
         if (consumed == 0) return false;
-        subElements.makeRoom();
-        subElements.add(sp_child.detach());
         p_rest += consumed;
         remaining -= consumed;
     } while (remaining >= VekMessageBinary_::getTtlvHeaderSize());
     if (remaining != 0) VEKMSG_LOG_WARNING("Tag %u has unused data of %u bytes", m_tag, remaining);
+    return true;
+}
+
+// From one to the next only local variables change. Each element lies in pages of its own, and who loads what
+// has just been stored waits until every earlier store has found its page.
+inline unsigned int VekmsgElementBinary_::deserializePlainValues(const unsigned char* p_bytestream,
+                                                                 unsigned int bytestreamLength,
+                                                                 SubElements_& subElements) const {
+    unsigned int consumed = 0;
+    VekmsgTag_ lastTag = subElements.lastTag();
+    VekmsgElementBinary_* const* p_spare = subElements.end();
+    for (VekmsgElementBinary_* const* p_end = subElements.sparesEnd(); p_spare != p_end; ++p_spare) {
+        const unsigned char* p_element = p_bytestream + consumed;
+        const unsigned int remaining = bytestreamLength - consumed;
+        if (!isWhole(p_element, remaining)) break;
+        const ElementHeader_ header = loadElementHeader(p_element);
+        if (vekMsgTagCompare(header.m_tag, lastTag) < 0) break;
+        if (!(*p_spare)->renew(header, p_element + kElementHeaderSize, remaining - kElementHeaderSize)) break;
+        (*p_spare)->m_p_message = m_p_message;
+        lastTag = header.m_tag;
+        consumed += kElementHeaderSize + header.m_length;
+    }
+    subElements.addSparesUpTo(p_spare);
+    return consumed;
+}
+
+inline bool VekmsgElementBinary_::renew(const ElementHeader_& header, const unsigned char* p_value,
+                                        unsigned int available) {
+    if (!storePlainValue(header, p_value, available)) return false;
+    m_writtenSize = m_valueLength;
+    m_tag = header.m_tag;
+    m_type = header.m_type;
+    return true;
+}
+
+inline unsigned int VekmsgElementBinary_::deserializeSubElement(const unsigned char* p_bytestream,
+                                                                unsigned int bytestreamLength,
+                                                                SubElements_& subElements) const {
+    VekmsgElementBinary_& spare = subElements.spare();
+    subElements.unseal();
+    spare.m_p_message = m_p_message;
+    spare.m_valueLength = 0;
+    spare.m_writtenSize = 0;
+    spare.m_subElements.clear();
+    const unsigned int consumed = spare.deserialize(p_bytestream, bytestreamLength);
+    if (consumed != 0) subElements.addSpare();
+    return consumed;
+}
+
+bool VekmsgElementBinary_::createSpare(SubElements_& subElements) const {
+    subElements.makeRoom();
+    SP_VekmsgElementBinary_ sp_spare = createSibling(VEKMSGTAG_ANY);
+    if (sp_spare.isNull()) return false;
+    subElements.giveSpare(sp_spare.detach());
     return true;
 }

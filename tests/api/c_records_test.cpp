@@ -257,7 +257,7 @@ TEST_F(CRecords, ofGettingSubElementValues) {
     call(p_text, "succeeds", text(3));
     call(p_text, "none with that tag", !text(9));
     call(p_text, "another type", !text(2), {kNoText});
-    call(p_text, "no memory", withoutMemory([&] { return !text(3); }), {kNoElement, kNoProbe});
+    call(p_text, "no memory", withoutMemory([&] { return !text(4); }), {kNoElement, kNoProbe});
     call(p_bytes, "succeeds", bytes(4));
     call(p_bytes, "none with that tag", !bytes(9));
     call(p_bytes, "another type", !bytes(2), {kNoBytes});

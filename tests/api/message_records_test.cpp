@@ -194,7 +194,7 @@ TEST_F(MessageRecords, ofGettingSubElementValues) {
     call(p_text, "succeeds", m_tree.getSubElementValue(3, m_p_text));
     call(p_text, "none with that tag", !m_tree.getSubElementValue(9, m_p_text));
     call(p_text, "another type", !m_tree.getSubElementValue(2, m_p_text), {kNoText});
-    call(p_text, "no memory", withoutMemory([&] { return !m_tree.getSubElementValue(3, m_p_text); }),
+    call(p_text, "no memory", withoutMemory([&] { return !m_tree.getSubElementValue(4, m_p_text); }),
          {kNoElement, kNoProbe});
     call(p_bytes, "succeeds", m_tree.getSubElementValue(4, m_p_text, m_value));
     call(p_bytes, "none with that tag", !m_tree.getSubElementValue(9, m_p_text, m_value));

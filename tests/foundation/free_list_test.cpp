@@ -237,38 +237,10 @@ TEST(FreeListAllocator, withoutMemoryItThrowsAsContainersExpect) {
     });
 }
 
-TEST(FreeListAllocator, arraysOfSixteenToOneHundredAndTwentyEightAreTakenAgain) {
+TEST(FreeListAllocator, arraysComeFromTheHeap) {
     inFreshThread([] {
         libcpp::FreeListAllocator_<int> allocator;
-        for (const std::size_t count : {16U, 32U, 64U, 128U}) {
-            allocator.deallocate(allocator.allocate(count), count);
-
-            const unsigned long allocations =
-                allocationsOf([&] { allocator.deallocate(allocator.allocate(count), count); });
-
-            EXPECT_EQ(allocations, g_isOn ? 0U : 1U) << count;
-        }
-    });
-}
-
-TEST(FreeListAllocator, thirtyTwoArraysOfEachSizeAreKept) {
-    inFreshThread([] {
-        libcpp::FreeListAllocator_<int> allocator;
-        std::vector<int*> arrays;
-        for (unsigned int i = 0; i < 33; ++i) arrays.push_back(allocator.allocate(16));
-
-        const unsigned long releases = releasesOf([&] {
-            for (int* p_array : arrays) allocator.deallocate(p_array, 16);
-        });
-
-        EXPECT_EQ(releases, g_isOn ? 1U : 33U);
-    });
-}
-
-TEST(FreeListAllocator, arraysOfOtherSizesComeFromTheHeap) {
-    inFreshThread([] {
-        libcpp::FreeListAllocator_<int> allocator;
-        for (const std::size_t count : {2U, 5U, 8U, 129U, 256U}) {
+        for (const std::size_t count : {2U, 16U, 256U}) {
             int* p_numbers = nullptr;
 
             EXPECT_EQ(allocationsOf([&] { p_numbers = allocator.allocate(count); }), 1U) << count;
@@ -281,10 +253,10 @@ TEST(FreeListAllocator, arraysOfOtherSizesComeFromTheHeap) {
 TEST(FreeListAllocator, anArrayWithoutMemoryThrows) {
     inFreshThread([] {
         libcpp::FreeListAllocator_<int> allocator;
-        for (const std::size_t count : {16U, 129U}) {
-            const AllocationFailure_ failure(1);
-            EXPECT_THROW(allocator.allocate(count), std::bad_alloc) << count;
-        }
+        const AllocationFailure_ failure(1);
+        int* volatile p_numbers = nullptr;  // compilers leave out an allocation that nobody looks at
+        EXPECT_THROW(p_numbers = allocator.allocate(16), std::bad_alloc);
+        EXPECT_EQ(p_numbers, nullptr);
         EXPECT_THROW(allocator.allocate(static_cast<std::size_t>(-1) / 2), std::bad_alloc);
     });
 }

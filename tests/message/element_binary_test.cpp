@@ -626,8 +626,76 @@ TEST_F(VekmsgElementBinary, attributesAreNotProvided) {
     EXPECT_EQ(m_records.take(), Records_());
 }
 
+TEST_F(VekmsgElementBinary, valuesReadInTheOrderOfTagsAskForNoMemory) {
+    inFreshThread([&] {
+        m_sp_element->setSubElementValue(1, 10U);
+        m_sp_element->setSubElementValue(2, text("two"));
+        m_sp_element->setSubElementValue(3, text("abc"), 3);
+        m_sp_element->setSubElementValue(4, true);
+        const AllocationFailure_ failure(1);
+
+        EXPECT_TRUE(m_sp_element->getSubElementValue(1, m_number));
+        EXPECT_TRUE(m_sp_element->getSubElementValue(2, m_p_text));
+        EXPECT_TRUE(m_sp_element->getSubElementValue(3, m_p_value, m_length));
+        EXPECT_TRUE(m_sp_element->getSubElementValue(4, m_flag));
+    });
+    EXPECT_EQ(m_number, 10U);
+    EXPECT_STREQ(reinterpret_cast<const char*>(m_p_text), "two");
+    EXPECT_EQ(m_length, 3U);
+    EXPECT_TRUE(m_flag);
+}
+
+TEST_F(VekmsgElementBinary, ofEqualTagsTheFirstIsReadHoweverOftenOneAsks) {
+    add(1, 11);
+    add(5, 51);
+    add(5, 52);
+    add(6, 61);
+    const auto valueOf = [&](VekmsgTag_ tag) {
+        unsigned int value = 0;
+        return m_sp_element->getSubElementValue(tag, value) ? value : 0;
+    };
+
+    EXPECT_EQ(valueOf(1), 11U);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(valueOf(5), 51U);
+    EXPECT_EQ(valueOf(6), 61U);
+    EXPECT_EQ(valueOf(1), 11U);
+    EXPECT_EQ(valueOf(5), 51U);
+}
+
+TEST_F(VekmsgElementBinary, aValueIsReadUnderTheTagThatItsElementHasNow) {
+    add(1, 11);
+    add(5, 51);
+    EXPECT_TRUE(m_sp_element->getSubElementValue(1, m_number));
+    m_sp_element->findFirstMatchingSubelement(5)->setTag(6);
+
+    EXPECT_FALSE(m_sp_element->getSubElementValue(5, m_number));
+    EXPECT_TRUE(m_sp_element->getSubElementValue(6, m_number));
+    EXPECT_EQ(m_number, 51U);
+}
+
+TEST_F(VekmsgElementBinary, aValueIsFoundWhereSubElementsCameInBetween) {
+    add(1, 11);
+    add(5, 51);
+    EXPECT_TRUE(m_sp_element->getSubElementValue(1, m_number));
+    add(3, 31);
+    add(0, 1);
+
+    EXPECT_TRUE(m_sp_element->getSubElementValue(5, m_number));
+    EXPECT_EQ(m_number, 51U);
+    EXPECT_TRUE(m_sp_element->getSubElementValue(3, m_number));
+    EXPECT_EQ(m_number, 31U);
+}
+
+TEST_F(VekmsgElementBinary, withAValueOfItsOwnNoSubElementIsRead) {
+    add(1, 11);
+    m_sp_element->setValue(5U);
+    EXPECT_FALSE(m_sp_element->getSubElementValue(1, m_number));
+    EXPECT_EQ(m_number, 4711U);
+}
+
 TEST_F(VekmsgElementBinary, aSearchWithoutMemoryForItsProbeFindsNothing) {
     inFreshThread([&] {
+        add(4, 41);
         add(5, 51);
         const AllocationFailure_ failure(1);
         EXPECT_TRUE(m_sp_element->findFirstMatchingSubelement(5).isNull());
@@ -687,6 +755,7 @@ TEST_F(VekmsgElementBinary, settingASubElementSurvivesEveryFailedAllocation) {
 
 TEST_F(VekmsgElementBinary, aFailedProbeMakesSettingAddASecondSubElement) {
     inFreshThread([&] {
+        add(4, 41);
         add(5, 51);
         const AllocationFailure_ failure(1);
         EXPECT_TRUE(m_sp_element->setSubElementValue(5, 52U));

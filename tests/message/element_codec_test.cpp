@@ -433,6 +433,70 @@ TEST_F(ElementCodec, receivedSubElementsAreSortedByTag) {
               element(5, VEKMSG_COMPLEX, uintElement(1, 10) + uintElement(3, 30) + uintElement(3, 31)));
 }
 
+// What is read next is read into elements that were read before.
+TEST_F(ElementCodec, whatWasReadBeforeLeavesNothingBehind) {
+    const Bytes_ first = element(5, VEKMSG_COMPLEX,
+                                 element(1, VEKMSG_STRING, bytesOf("a long text") + Bytes_{0}) +
+                                     element(2, VEKMSG_COMPLEX, uintElement(1, 1)) +
+                                     element(3, VEKMSG_BINARY, {1, 2, 3}) + uintElement(4, 40));
+    const Bytes_ second =
+        element(6, VEKMSG_COMPLEX,
+                element(1, VEKMSG_BINARY, {9}) + uintElement(2, 20) + element(3, VEKMSG_STRING, {'b', 0}) +
+                    element(4, VEKMSG_COMPLEX, uintElement(7, 70)));
+    for (const Bytes_& bytes : {first, second, first, second, second}) {
+        const SP_VekmsgElementBinary_ sp_element = newElement(0);
+        EXPECT_EQ(deserialize(*sp_element, bytes), bytes.size());
+        EXPECT_EQ(encoded(*sp_element), bytes);
+    }
+}
+
+TEST_F(ElementCodec, openTextReadWhereTextWasEndsWithItsOwnBytes) {
+    for (const std::string read : {"a long text", "b"}) {
+        const SP_VekmsgElementBinary_ sp_element = newElement(0);
+        deserialize(*sp_element, element(5, VEKMSG_COMPLEX, element(1, VEKMSG_STRING, bytesOf(read))));
+        EXPECT_EQ(textOf(*sp_element->findFirstMatchingSubelement(1)), read);
+    }
+}
+
+TEST_F(ElementCodec, aSubElementThatIsHeldStaysAsItIsWhenTheNextTreeIsRead) {
+    read(element(5, VEKMSG_COMPLEX, uintElement(1, 10) + uintElement(2, 20)));
+    const SP_VekmsgElement_ sp_held = m_sp_element->findFirstMatchingSubelement(2);
+    m_sp_element = newElement(0);
+
+    read(element(5, VEKMSG_COMPLEX, uintElement(3, 30) + uintElement(4, 40)));
+
+    EXPECT_EQ(sp_held->getTag(), 2U);
+    EXPECT_EQ(uintOf(*sp_held), 20U);
+}
+
+TEST_F(ElementCodec, aRefusedTreeLeavesNothingToTheNext) {
+    const Bytes_ good = element(5, VEKMSG_COMPLEX, uintElement(1, 10) + uintElement(2, 20));
+    for (int i = 0; i < 3; ++i) {
+        const SP_VekmsgElementBinary_ sp_refused = newElement(0);
+        EXPECT_EQ(deserialize(
+                      *sp_refused,
+                      element(5, VEKMSG_COMPLEX,
+                              uintElement(1, 1) + element(2, VEKMSG_COMPLEX,
+                                                          uintElement(3, 3) + element(4, VEKMSG_UINT, {})))),
+                  0U);
+        EXPECT_EQ(m_records.take().size(), 1U);
+        const SP_VekmsgElementBinary_ sp_read = newElement(0);
+        EXPECT_EQ(deserialize(*sp_read, good), good.size());
+        EXPECT_EQ(encoded(*sp_read), good);
+    }
+}
+
+TEST_F(ElementCodec, moreSubElementsThanAThreadKeepsAreReadAgain) {
+    Bytes_ content;
+    for (unsigned char i = 0; i < 200; ++i) content = content + uintElement(i + 1U, i);
+    const Bytes_ bytes = element(5, VEKMSG_COMPLEX, content);
+    for (int i = 0; i < 2; ++i) {
+        const SP_VekmsgElementBinary_ sp_element = newElement(0);
+        EXPECT_EQ(deserialize(*sp_element, bytes), bytes.size());
+        EXPECT_EQ(encoded(*sp_element), bytes);
+    }
+}
+
 TEST_F(ElementCodec, aTreeCutAnywhereIsRefusedWithARecord) {
     const Bytes_ bytes =
         element(5, VEKMSG_COMPLEX,

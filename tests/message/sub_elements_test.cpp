@@ -10,8 +10,12 @@
 
 #include "message/message_fixture.h"
 #include "support/allocation_failure.h"
+#include "support/exhausted_heap.h"
 
 namespace {
+
+// Builds that watch memory keep none: what goes is given back to the heap at once.
+constexpr bool g_isOn = VEKMSG_FREE_LISTS != 0;
 
 using Multiset_ = std::multiset<SP_VekmsgElementBinary_, libcpp::IsLess_<SP_VekmsgElementBinary_>>;
 
@@ -35,6 +39,31 @@ protected:
 };
 
 using Tags_ = std::vector<VekmsgTag_>;
+
+class Derived_ : public VekmsgElementBinary_ {
+public:
+    explicit Derived_(VekmsgTag_ tag) : VekmsgElementBinary_(tag, nullptr) {}
+};
+
+/// As an element does that reads numbers with these tags.
+void read(SubElements_& children, const Tags_& tags) {
+    children.prepareSpares();
+    for (const VekmsgTag_ tag : tags) {
+        if (!children.hasSpare()) {
+            children.makeRoom();
+            children.giveSpare(newElement(0).detach());
+        }
+        children.spare().setTag(tag);
+        children.addSpare();
+    }
+}
+
+/// How many spares the next element that reads children finds.
+std::size_t spares() {
+    SubElements_ children;
+    children.prepareSpares();
+    return static_cast<std::size_t>(children.sparesEnd() - children.end());
+}
 
 }  // namespace
 
@@ -160,4 +189,188 @@ TEST_F(SubElements, withoutMemoryNothingIsAdded) {
     EXPECT_EQ(m_children.size(), 16U);
     ::add(m_children, sp_more);
     EXPECT_EQ(m_children[0], sp_more.get());
+}
+
+TEST_F(SubElements, theNextOneIsGuessedWhenItIsTheFirstWithItsTag) {
+    EXPECT_EQ(m_children.guess(10), nullptr);
+    for (const VekmsgTag_ tag : {10U, 20U, 20U, 30U}) add(tag);
+
+    EXPECT_EQ(m_children.guess(20), nullptr);
+    EXPECT_EQ(m_children.guess(10), m_children[0]);
+    EXPECT_EQ(m_children.guess(10), nullptr);
+    EXPECT_EQ(m_children.guess(20), m_children[1]);
+    EXPECT_EQ(m_children.guess(20), nullptr);  // the second with this tag
+    EXPECT_EQ(m_children.guess(30), nullptr);
+    m_children.noteFound(2);
+    EXPECT_EQ(m_children.guess(30), m_children[3]);
+    EXPECT_EQ(m_children.guess(40), nullptr);
+}
+
+TEST_F(SubElements, aForeignChildIsNotGuessed) {
+    ::add(m_children, SP_VekmsgElementBinary_());
+    add(10);
+
+    EXPECT_EQ(m_children.guess(10), nullptr);
+    EXPECT_EQ(m_children.guess(VEKMSGTAG_ANY), nullptr);
+    m_children.noteFound(0);
+    EXPECT_EQ(m_children.guess(10), m_children[1]);
+}
+
+TEST_F(SubElements, theLastTagIsThatOfTheLastChild) {
+    EXPECT_EQ(m_children.lastTag(), VEKMSGTAG_ANY);
+    ::add(m_children, SP_VekmsgElementBinary_());
+    EXPECT_EQ(m_children.lastTag(), VEKMSGTAG_ANY);
+    add(20);
+    add(10);
+    EXPECT_EQ(m_children.lastTag(), 20U);
+}
+
+TEST_F(SubElements, thoseThatNobodyElseHoldsAreTheSparesOfTheNext) {
+    inFreshThread([] {
+        std::vector<VekmsgElementBinary_*> first;
+        {
+            SubElements_ children;
+            read(children, {30, 10, 20});
+            first.assign(children.begin(), children.end());
+        }
+        SubElements_ children;
+        children.prepareSpares();
+
+        EXPECT_EQ(children.size(), 0U);
+        const std::vector<VekmsgElementBinary_*> spares(children.end(), children.sparesEnd());
+        EXPECT_EQ(spares, g_isOn ? first : std::vector<VekmsgElementBinary_*>());
+    });
+}
+
+TEST_F(SubElements, ofThoseHandedOutOnlyTheOnesGivenBackBecomeSpares) {
+    inFreshThread([] {
+        SP_VekmsgElementBinary_ sp_held;
+        SP_VekmsgElementBinary_ sp_derived(new (std::nothrow) Derived_(30));
+        {
+            SubElements_ children;
+            read(children, {10, 20});
+            children.unseal();
+            sp_held = SP_VekmsgElementBinary_(children[1]);
+            ::add(children, sp_derived);
+            ::add(children, SP_VekmsgElementBinary_());
+            sp_derived.reset();
+        }
+        EXPECT_EQ(sp_held->getTag(), 20U);
+        EXPECT_EQ(spares(), g_isOn ? 1U : 0U);
+    });
+}
+
+TEST_F(SubElements, aSpareHasNoChildren) {
+    inFreshThread([] {
+        {
+            SubElements_ children;
+            read(children, {10});
+            children.unseal();
+            children[0]->setSubElementValue(1, 1U);
+        }
+        SubElements_ children;
+        read(children, {10});
+        EXPECT_TRUE(children[0]->findFirstMatchingSubelement(1).isNull());
+    });
+}
+
+TEST_F(SubElements, areReadIntoSparesInTheOrderOfTheirTags) {
+    for (int i = 0; i < 2; ++i) {
+        SubElements_ children;
+        read(children, {20, 10, 30, 20});
+        Tags_ found;
+        for (const VekmsgElementBinary_* p_child : children) found.push_back(p_child->getTag());
+        EXPECT_EQ(found, (Tags_{10, 20, 20, 30}));
+    }
+}
+
+TEST_F(SubElements, areReadToThoseThatWereAddedAndEndAQuery) {
+    add(20);
+    m_children.startQuery(0, 1);
+
+    read(m_children, {10, 30});
+
+    EXPECT_EQ(tags(), (Tags_{10, 20, 30}));
+    EXPECT_FALSE(m_children.hasNext());
+}
+
+TEST_F(SubElements, addedOnesStandBeforeTheSpares) {
+    inFreshThread([] {
+        {
+            SubElements_ children;
+            read(children, {1, 2, 3});
+        }
+        const SP_VekmsgElementBinary_ sp_second = newElement(20);
+        const SP_VekmsgElementBinary_ sp_first = newElement(10);
+        SubElements_ children;
+        ::add(children, sp_second);
+        ::add(children, sp_first);
+
+        EXPECT_EQ(children.size(), 2U);
+        EXPECT_EQ(children[0], sp_first.get());
+        EXPECT_EQ(children[1], sp_second.get());
+        // Each gave the memory of a spare back, for the next that is made.
+        EXPECT_EQ(children.sparesEnd() - children.end(), g_isOn ? 1 : 0);
+    });
+}
+
+TEST_F(SubElements, aThreadKeepsOneHundredAndTwentyEightSpares) {
+    for (const std::size_t rest : {28U, 29U}) {
+        inFreshThread([rest] {
+            SubElements_ many;
+            SubElements_ few;
+            read(many, Tags_(100, 1));
+            read(few, Tags_(rest, 1));
+            many.clear();
+            few.clear();
+            EXPECT_EQ(spares(), !g_isOn ? 0U : rest == 28 ? 28U : 100U);
+        });
+    }
+}
+
+TEST_F(SubElements, aFamilyWithRoomForMoreThanThatIsNotKept) {
+    for (const std::size_t count : {128U, 129U}) {
+        inFreshThread([count] {
+            SubElements_ children;
+            read(children, Tags_(count, 1));
+            children.unseal();
+            const SP_VekmsgElementBinary_ sp_held(children[0]);
+            children.clear();
+            EXPECT_EQ(spares(), g_isOn && count == 128 ? 127U : 0U);
+        });
+    }
+}
+
+TEST_F(SubElements, sparesGoWhenTheThreadEnds) {
+    const long before = liveAllocations();
+    inFreshThread([] {
+        SubElements_ children;
+        read(children, {10, 20});
+        children.clear();
+    });
+    EXPECT_EQ(liveAllocations(), before);
+}
+
+TEST_F(SubElements, whatGoesAfterTheSparesOfTheThreadGoesToTheHeap) {
+    const long before = liveAllocations();
+    inFreshThread([] {
+        static thread_local SubElements_ t_late;
+        read(t_late, {10, 20});
+        SubElements_ children;
+        read(children, {10});
+        children.clear();
+    });
+    EXPECT_EQ(liveAllocations(), before);
+}
+
+TEST_F(SubElements, withoutMemoryForTheNoteOfTheThreadsEndNoneAreKept) {
+    inFreshThread([] {
+        SubElements_ children;
+        read(children, {10});
+        {
+            const ExhaustedHeap_ exhausted;
+            children.clear();
+        }
+        EXPECT_EQ(spares(), 0U);
+    });
 }
