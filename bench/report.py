@@ -15,7 +15,8 @@ CODEC_WORDS = "Processor time, ratio to the library: above 1 is slower than it."
 BASE = "bare protocol"
 SAME_POLLS = "bare, same polls"
 MODES = {"rtt": "round trip", "stream": "one way", "burst": "burst", "fanin": "fan-in"}
-LOCAL = {"unix": "local", "tcp": "TCP"}
+APART = "tcp apart"  # TCP where no message is joined with another: see run.py
+LOCAL = {"unix": "local", "tcp": "TCP", APART: "TCP apart"}
 PLACES = {"one": "one core", "two": "one core each", "free": "free"}
 PAGE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "docs", "performance.md")
 
@@ -64,7 +65,7 @@ def ratio_cell(row, key):
     if row is None:
         return ""
     is_rate = row["mode"] in RATES
-    segments = f" at {row['segments']:.2f}" if is_rate and row["transport"] == "tcp" else ""
+    segments = f" at {row['segments']:.2f}" if is_rate and "segments" in row else ""
     if key not in row:
         return f"no base{segments}"
     return spread_text(inverse(row[key]) if is_rate else row[key]) + segments
@@ -123,7 +124,7 @@ def burst_table(results):
 
 
 def fan_table(results):
-    cases = [case_of(transport, "fanin", peers=peers) for transport in TRANSPORTS for peers in (1, *PEERS)]
+    cases = [case_of(transport, "fanin", peers=peers) for transport in (*TRANSPORTS, APART) for peers in (1, *PEERS)]
     names = [f"{LOCAL[case['transport']]} {case['peers']}" for case in cases]
     own = quotient_tables(results, cases, names, "Rate as a multiple of the program's own with one sender",
                           lambda case, program: results.row(case | {"peers": 1}, program), is_rate=True)

@@ -50,6 +50,16 @@ PEER_PART = 4
 COUNTED_PART = 10
 MANY_PART = 4  # a pass over many connections takes long
 
+# TCP joins what it is given while it may not send: small messages of one busy sender mostly travel joined, those of
+# many one by one. In a network of their own, whose streams may have this many segments on their way from the start,
+# nobody's are joined, and one and many can be compared.
+SEGMENTS_ON_THEIR_WAY = 1000
+OWN_NETWORK = ["unshare", "--map-root-user", "--net", "sh", "-c", f"""
+ip link set lo up &&
+for route in 127.0.0.0/8 127.0.0.1; do
+  ip route change local $route dev lo table local src 127.0.0.1 initcwnd {SEGMENTS_ON_THEIR_WAY} || exit
+done && exec "$@" """, "own-network"]
+
 
 def cases():
     one = [Case(transport, mode, size, 1, 0, "one")
@@ -59,7 +69,7 @@ def cases():
     bursts = [Case(transport, "burst", 64, 1, batch, "one")
               for transport in report.TRANSPORTS for batch in report.BATCHES]
     fans = [Case(transport, "fanin", 64, peers, 0, "one")
-            for transport in report.TRANSPORTS for peers in (1, *report.PEERS)]
+            for transport in (*report.TRANSPORTS, report.APART) for peers in (1, *report.PEERS)]
     many = [Case(transport, "rtt", 64, peers, 0, "one") for transport in report.TRANSPORTS for peers in report.PEERS]
     return one + placed + bursts + fans + many
 
@@ -76,6 +86,14 @@ class Runner:
         self.is_quick = is_quick
         self.left_out = collections.defaultdict(set)  # (program, why): cases
         self.missing = []
+        self.cases = self.possible_cases()
+
+    def possible_cases(self):
+        made = subprocess.run([*OWN_NETWORK, "true"], capture_output=True, text=True, timeout=TIME_LIMIT, check=False)
+        if made.returncode == 0:
+            return cases()
+        self.missing.append(f"{report.LOCAL[report.APART]}: no network of its own ({made.stderr.strip()})")
+        return [case for case in cases() if case.transport != report.APART]
 
     def notes(self):
         return self.missing + [f"{name} in {len(left_out)} cases ({why}): {'; '.join(sorted(left_out))}"
@@ -84,11 +102,11 @@ class Runner:
     def has(self, executable):
         return os.path.exists(os.path.join(self.folder, executable))
 
-    def json_of(self, arguments):
+    def json_of(self, arguments, network=()):
         """Standard output as JSON; or, where the program has no such mode or fails, None and why."""
         try:
-            result = subprocess.run([os.path.join(self.folder, arguments[0]), *arguments[1:]], capture_output=True,
-                                    text=True, timeout=TIME_LIMIT, check=False)
+            result = subprocess.run([*network, os.path.join(self.folder, arguments[0]), *arguments[1:]],
+                                    capture_output=True, text=True, timeout=TIME_LIMIT, check=False)
         except subprocess.TimeoutExpired:
             return None, "over time"
         if result.returncode != 0:
@@ -97,12 +115,13 @@ class Runner:
 
     def transfer(self, program, case, part=1, more=()):
         count = COUNTS[case.mode] // part // (QUICK_PART if self.is_quick and "--counted" not in more else 1)
-        arguments = [program.executable, *program.options, *more, "--transport", case.transport, "--mode", case.mode,
-                     "--size", str(case.size), "--count", str(max(count, 64)), "--peers", str(case.peers),
-                     "--cores", case.cores]
+        is_apart = case.transport == report.APART
+        arguments = [program.executable, *program.options, *more, "--transport", "tcp" if is_apart else case.transport,
+                     "--mode", case.mode, "--size", str(case.size), "--count", str(max(count, 64)),
+                     "--peers", str(case.peers), "--cores", case.cores]
         if case.batch:
             arguments += ["--batch", str(case.batch)]
-        line, why = self.json_of(arguments)
+        line, why = self.json_of(arguments, OWN_NETWORK if is_apart else ())
         if line is None:
             if program in OWN_PROGRAMS and "not available" not in why:
                 sys.exit(f"{program.name}: {why}\n{' '.join(arguments)} failed")
@@ -118,8 +137,8 @@ def part_of(program, case):
 def count_calls(runner):
     """Calls and allocations per unit, in runs of their own because counting takes time."""
     counted = {}
-    for case in cases():
-        if case.cores != "one":
+    for case in runner.cases:
+        if case.cores != "one" or case.transport == report.APART:
             continue
         for program in OWN_PROGRAMS:
             line = runner.transfer(program, case, COUNTED_PART, ["--counted"])
@@ -138,7 +157,7 @@ def measure(runner, programs, rounds, counted):
     """Every program in every round, so that what disturbs the machine disturbs all of them."""
     measured = collections.defaultdict(dict)  # (case, program): round: line
     for turn in range(rounds):
-        for case in cases():
+        for case in runner.cases:
             progress(f"round {turn + 1} of {rounds}: {report.describe(case._asdict())}")
             own = list(programs)
             if case.mode == "rtt" and case.peers > 1:
@@ -189,7 +208,7 @@ def summarize(measured, counted):
         for key in ("nanoseconds", "cpuNanoseconds"):
             if alike:
                 row[f"{key}Ratio"] = spread([own[key] / other[key] for own, other in alike])
-        if case.transport == "tcp":
+        if case.transport != "unix":
             row["segments"] = statistics.median(line["sender"]["segments"] for line in lines.values())
         if (case, name) in counted:
             row["calls"] = counted[case, name]

@@ -53,28 +53,26 @@ SP_VekMessageBinary_ makeMessage(Payload_ payload) {
     return sp_message;
 }
 
-unsigned long readNumber(VekmsgElement_& parent) {
+unsigned long readNumber(const VekmsgElement_& parent, VekmsgTag_ tag) {
     unsigned int number = 0;
-    const SP_VekmsgElement_ sp_leaf = parent.getNextSubelement();
-    return sp_leaf && sp_leaf->getValue(number) ? number : 0;
+    return parent.getSubElementValue(tag, number) ? number : 0;
 }
-unsigned long readText(VekmsgElement_& parent) {
+unsigned long readText(const VekmsgElement_& parent, VekmsgTag_ tag) {
     const Utf8Char_* p_text = nullptr;
-    const SP_VekmsgElement_ sp_leaf = parent.getNextSubelement();
-    return sp_leaf && sp_leaf->getValue(p_text) ? p_text[0] : 0;
+    return parent.getSubElementValue(tag, p_text) ? p_text[0] : 0;
 }
-unsigned long readBytes(VekmsgElement_& parent) {
+unsigned long readBytes(const VekmsgElement_& parent, VekmsgTag_ tag) {
     const unsigned char* p_bytes = nullptr;
     unsigned int length = 0;
-    const SP_VekmsgElement_ sp_leaf = parent.getNextSubelement();
-    return sp_leaf && sp_leaf->getValue(p_bytes, length) ? length : 0;
+    return parent.getSubElementValue(tag, p_bytes, length) ? length : 0;
 }
 
-unsigned long readTen(VekmsgElement_& parent) {
+unsigned long readTen(const VekmsgElement_& parent) {
     unsigned long sum = 0;
-    parent.querySubelements(VEKMSGTAG_ANY);
-    for (int i = 0; i < 3; ++i) sum += readNumber(parent) + readText(parent) + readBytes(parent);
-    return sum + readNumber(parent);
+    VekmsgTag_ tag = kFirstLeafTag;
+    for (int i = 0; i < 3; ++i, tag += 3)
+        sum += readNumber(parent, tag) + readText(parent, tag + 1) + readBytes(parent, tag + 2);
+    return sum + readNumber(parent, tag);
 }
 
 unsigned long readHundred(VekmsgElement_& root) {
@@ -119,7 +117,8 @@ void decode(benchmark::State& state) {
     std::vector<unsigned char> buffer(size);
     sp_original->serialize(buffer.data() + size, size);
     measureCodec(state, size, sumOf(payload), [&]() -> unsigned long {
-        const SP_VekmsgElementBinary_ sp_root = sp_message->createElement(VEKMSGTAG_ANY);
+        const SP_VekmsgElementBinary_ sp_root(new (std::nothrow)
+                                                  VekmsgElementBinary_(VEKMSGTAG_ANY, sp_message.get()));
         return sp_root->deserialize(buffer.data(), size) == size ? readAll(*sp_root, payload) : 0;
     });
 }
