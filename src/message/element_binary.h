@@ -144,8 +144,8 @@ private:
                                                         unsigned int freespaceSize) const;
 
     /// Stores a value from the wire of which nothing has to be said, as nearly all are, in few steps; text up
-    /// to its NUL. `available` bytes can be read. False, with nothing changed, for any other. What was
-    /// written is left for the caller to note.
+    /// to its NUL. `available` bytes can be read, and may come to stand behind the value. False, with nothing
+    /// changed, for any other. What was written is left for the caller to note.
     bool storePlainValue(const ElementHeader_& header, const unsigned char* p_value, unsigned int available);
     void copyValue(const unsigned char* p_bytes, unsigned int length, unsigned int available);
 

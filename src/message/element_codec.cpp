@@ -131,7 +131,7 @@ unsigned int VekmsgElementBinary_::serializeSubElements(unsigned char* p_endOfFr
     const unsigned char* p_value = p_bytestream + kElementHeaderSize;
     setTag(header.m_tag);
     m_type = header.m_type;
-    if (storePlainValue(header, p_value, bytestreamLength - kElementHeaderSize)) {
+    if (storePlainValue(header, p_value, header.m_length)) {  // what an earlier value left behind it stays
         m_writtenSize = std::max(m_writtenSize, m_valueLength);
     } else if (!deserialize({header.m_contentTag, header.m_type, header.m_length, p_value})) {
         fillRefusedValue();

@@ -458,6 +458,13 @@ TEST_F(ElementCodec, openTextReadWhereTextWasEndsWithItsOwnBytes) {
     }
 }
 
+TEST_F(ElementCodec, aShorterValueReadOverALongerOneLeavesTheRestOfThat) {
+    readString(std::string("abcdefghij") + '\0');
+    read(element(5, VEKMSG_BINARY, {1, 2}) + Bytes_(40, 'x'));
+    readString("z");
+    EXPECT_EQ(textOf(*m_sp_element), "z\2cdefghij");
+}
+
 TEST_F(ElementCodec, aSubElementThatIsHeldStaysAsItIsWhenTheNextTreeIsRead) {
     read(element(5, VEKMSG_COMPLEX, uintElement(1, 10) + uintElement(2, 20)));
     const SP_VekmsgElement_ sp_held = m_sp_element->findFirstMatchingSubelement(2);
