@@ -364,6 +364,7 @@ TEST_F(SubElements, whatGoesAfterTheSparesOfTheThreadGoesToTheHeap) {
 }
 
 TEST_F(SubElements, withoutMemoryForTheNoteOfTheThreadsEndNoneAreKept) {
+    if (!ExhaustedHeap_::kIsPossible) GTEST_SKIP() << ExhaustedHeap_::kWhyNot;
     inFreshThread([] {
         SubElements_ children;
         read(children, {10});
