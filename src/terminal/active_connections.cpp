@@ -9,15 +9,17 @@ using IsLess_ = libcpp::IsLess_<SP_VekmsgConnection_>;
 
 }  // namespace
 
-[[gnu::hot]] ActiveConnections_::iterator ActiveConnections_::find(
-    const SP_VekmsgConnection_& sp_connection) const {
-    if (m_latest < size() && m_connections[m_latest]->hasPeerOf(*sp_connection))
-        return begin() + static_cast<std::ptrdiff_t>(m_latest);
+ActiveConnections_::iterator ActiveConnections_::find(const SP_VekmsgConnection_& sp_connection) const {
     const iterator found = std::lower_bound(begin(), end(), sp_connection, IsLess_());
     const bool isThere = found != end() && !IsLess_()(sp_connection, *found);
     if (!isThere) return end();
     m_latest = static_cast<std::size_t>(found - begin());
     return found;
+}
+
+[[gnu::hot]] VekmsgConnection_* ActiveConnections_::findLatest(const Utf8Char_* p_peerName) const {
+    if (m_latest >= size() || !m_connections[m_latest]->hasPeer(p_peerName)) return nullptr;
+    return m_connections[m_latest].get();
 }
 
 ActiveConnections_::iterator ActiveConnections_::upper_bound(

@@ -20,9 +20,14 @@ public:
     iterator end() const { return m_connections.end(); }
     std::size_t size() const { return m_connections.size(); }
     bool empty() const { return m_connections.empty(); }
+    const SP_VekmsgConnection_& operator[](std::size_t place) const { return m_connections[place]; }
 
     /// That with the same peer name, or the end.
     iterator find(const SP_VekmsgConnection_& sp_connection) const;
+
+    /// That which `find` found last, or before that the first one, if its peer has this name; else null. Most
+    /// messages go where the one before went, and nothing has to be made to find that.
+    VekmsgConnection_* findLatest(const Utf8Char_* p_peerName) const;
 
     /// The first whose peer name is greater.
     iterator upper_bound(const SP_VekmsgConnection_& sp_connection) const;
@@ -49,9 +54,7 @@ private:
     Connections_ m_connections;
     unsigned int m_changes = 0;
 
-    // Where `find` found the last one: most messages go where the one before went. Only a guess, as others
-    // come and go.
-    mutable std::size_t m_latest = 0;
+    mutable std::size_t m_latest = 0;  // where `find` found the last one; others come and go
 };
 
 #endif

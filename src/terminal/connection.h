@@ -98,7 +98,9 @@ public:
     }
 
     /// Whether processPollEvents, called in this spell, would find nothing and do nothing.
-    bool isAtRest(std::uint64_t spell) const { return awaitsOnlyData() && m_sp_socket->isAtRest(spell); }
+    bool isAtRest(std::uint64_t spell) const {
+        return m_sp_socket && m_sp_socket->isAtRest(spell) && awaitsOnlyData();
+    }
 
     /// The oldest received block, header in front, or null when there is none even after looking at the
     /// socket.
@@ -127,10 +129,8 @@ public:
 
     bool isConnected() const;
 
-    /// Whether both have a peer name, the same.
-    bool hasPeerOf(const VekmsgConnection_& connection) const {
-        return m_sp_peerName && connection.m_sp_peerName && *m_sp_peerName == *connection.m_sp_peerName;
-    }
+    /// Whether its peer has this name.
+    bool hasPeer(const Utf8Char_* p_name) const { return m_sp_peerName && *m_sp_peerName == p_name; }
 
     /// By peer name, null first.
     bool isLess(const VekmsgConnection_* p_connection) const;

@@ -135,12 +135,15 @@ protected:
     void processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted);
     bool processPollEvents(Serving_, VekmsgConnection_& active, bool& gotData);
 
-    // The stages of sending: making a connection, connecting a socket to the first address that takes it, the
-    // next usable address of the list, and handing the framed message to the connection.
+    // The stages of sending: finding the connection or making it, making it, connecting a socket to the first
+    // address that takes it, the next usable address of the list, and handing the framed message to the
+    // connection.
+    struct Finding_ {};
     struct Opening_ {};
     struct Connecting_ {};
     struct Selecting_ {};
     struct Handing_ {};
+    bool sendMessage(Finding_, const Utf8Char_* p_destination, SP_VekmsgConnection_& sp_connection);
     [[gnu::cold]] bool sendMessage(Opening_, const SP_Utf8String_& sp_destination,
                                    SP_VekmsgConnection_& sp_connection);
     [[gnu::cold]] bool sendMessage(Connecting_, const Utf8String_& destination, AddressNames_& addressNames,

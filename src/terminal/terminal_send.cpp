@@ -45,16 +45,23 @@ VEKMSG_RETURN_ON_EXCEPTION(false)
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() sp_message is not binary encoded");
         return false;
     }
-    const SP_Utf8String_ sp_destination = createUtf8String(p_binary->getDestination());
+    SP_VekmsgConnection_ sp_connection(m_activeConnections.findLatest(p_binary->getDestination()));
+    const bool isReady = sp_connection && sp_connection->isFunctional();
+    if (!isReady && !sendMessage(Finding_(), p_binary->getDestination(), sp_connection)) return false;
+    return sendMessage(Handing_(), *p_binary, *sp_connection);
+}
+VEKMSG_RETURN_ON_EXCEPTION(false)
+
+bool VekmsgTerminalImpl_::sendMessage(Finding_, const Utf8Char_* p_destination,
+                                      SP_VekmsgConnection_& sp_connection) {
+    const SP_Utf8String_ sp_destination = createUtf8String(p_destination);
     if (!sp_destination) {
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() can't create Utf8String_");
         return false;
     }
-    SP_VekmsgConnection_ sp_connection = findActiveConnection(sp_destination);
-    if (!sp_connection && !sendMessage(Opening_(), sp_destination, sp_connection)) return false;
-    return sendMessage(Handing_(), *p_binary, *sp_connection);
+    sp_connection = findActiveConnection(sp_destination);
+    return sp_connection || sendMessage(Opening_(), sp_destination, sp_connection);
 }
-VEKMSG_RETURN_ON_EXCEPTION(false)
 
 bool VekmsgTerminalImpl_::sendMessage(Opening_, const SP_Utf8String_& sp_destination,
                                       SP_VekmsgConnection_& sp_connection) {

@@ -236,7 +236,7 @@ TEST_F(TerminalRecords, ofSendingWhereNobodyIs) {
              "VekSocket_::initialize(local://?) socket() failed with error(24): Too many open files")});
     const SP_VekMessage_ sp_message = messageTo("beta");
     call(p_entry, "no memory", withoutMemory([&] { return !m_alpha.sendMessage(sp_message); }),
-         {error(kSend, "VekmsgTerminalImpl_::sendMessage() can't create Utf8String_")});
+         {error(kSendFinding, "VekmsgTerminalImpl_::sendMessage() can't create Utf8String_")});
 }
 
 TEST_F(TerminalRecords, ofSending) {

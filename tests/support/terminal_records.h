@@ -40,6 +40,8 @@ constexpr char kServing[] =
 constexpr char kFill[] = "bool VekmsgTerminalImpl_::fillPollFdArray(pollfd*, unsigned int&)";
 constexpr char kCreate[] = "bool VekmsgTerminalImpl_::createMessage(SP_VekMessage_&)";
 constexpr char kSend[] = "bool VekmsgTerminalImpl_::sendMessage(SP_VekMessage_)";
+constexpr char kSendFinding[] =
+    "bool VekmsgTerminalImpl_::sendMessage(" STAGE "Finding_, const Utf8Char_*, SP_VekmsgConnection_&)";
 constexpr char kSendOpening[] =
     "bool VekmsgTerminalImpl_::sendMessage(" STAGE "Opening_, const SP_Utf8String_&, SP_VekmsgConnection_&)";
 constexpr char kSendConnecting[] =

@@ -93,16 +93,45 @@ TEST_F(ActiveConnections, areFoundWhereverTheyStandByNow) {
             if (random() % 2 != 0) expected.insert(nameOf(*m_connections.insert(sp_connection).first));
         } else {
             ASSERT_EQ(nameOf(*found), name);
-            ASSERT_EQ(m_connections.find(sp_connection), found);
+            ASSERT_EQ(m_connections.findLatest(utf8(name.c_str())), found->get());
             if (random() % 4 == 0) {
                 m_connections.erase(found);
                 expected.erase(name);
             }
         }
         ASSERT_EQ(m_connections.size(), expected.size());
+        const VekmsgConnection_* p_latest = m_connections.findLatest(utf8(name.c_str()));
+        if (p_latest != nullptr) {
+            ASSERT_EQ(p_latest, m_connections.find(sp_connection)->get());
+        }
     }
     m_connections.clear();
     EXPECT_EQ(m_connections.find(connectionTo("anna")), m_connections.end());
+}
+
+TEST_F(ActiveConnections, thatWhichWasFoundLastIsFoundByItsName) {
+    const auto cora = m_connections.find(connectionTo("cora"));
+
+    EXPECT_EQ(m_connections.findLatest(utf8("cora")), cora->get());
+    EXPECT_EQ(m_connections.findLatest(utf8("anna")), nullptr);
+    EXPECT_EQ(m_connections.findLatest(utf8("")), nullptr);
+
+    m_connections.find(connectionTo("zora"));
+    EXPECT_EQ(m_connections.findLatest(utf8("cora")), cora->get());
+    m_connections.find(connectionTo("emil"));
+    EXPECT_EQ(m_connections.findLatest(utf8("cora")), nullptr);
+    m_connections.erase(m_connections.begin());
+    EXPECT_EQ(m_connections.findLatest(utf8("emil")), nullptr);
+    m_connections.clear();
+    EXPECT_EQ(m_connections.findLatest(utf8("emil")), nullptr);
+}
+
+TEST_F(ActiveConnections, thatWhichWasFoundLastMayHaveNoName) {
+    const SP_VekmsgConnection_ sp_nameless(new VekmsgConnection_);
+    m_connections.insert(sp_nameless);
+    m_connections.find(sp_nameless);
+
+    EXPECT_EQ(m_connections.findLatest(utf8("")), nullptr);
 }
 
 TEST_F(ActiveConnections, theNextOneIsThatWithTheNextGreaterName) {

@@ -551,7 +551,8 @@ TEST_F(TerminalSend, sendingFailsWithoutMemory) {
     });
 
     EXPECT_TRUE(contains(
-        outcomes, {false, {error(kSend, "VekmsgTerminalImpl_::sendMessage() can't create Utf8String_")}}))
+        outcomes,
+        {false, {error(kSendFinding, "VekmsgTerminalImpl_::sendMessage() can't create Utf8String_")}}))
         << testing::PrintToString(outcomes);
     EXPECT_TRUE(contains(
         outcomes,
@@ -574,6 +575,34 @@ TEST_F(TerminalSend, aConnectionIsNotMadeWithoutMemory) {
         (Records_{error(kFind, "VekmsgTerminalImpl_::findActiveConnection() Can't create VekmsgConnection_"),
                   error(kSendOpening, "VekmsgTerminalImpl_::sendMessage() Can't create VekmsgConnection_")}));
     EXPECT_TRUE(anna->m_activeConnections.empty());
+}
+
+TEST_F(TerminalSend, nothingIsMadeToFindWhereTheLastMessageWent) {
+    const std::string longName(100, 'd');
+    const Terminal_ anna = open("anna", {local("bert") + ' ' + longName, local("cora") + " cora"});
+    RawListener_ bert(local("bert"));
+    RawListener_ cora(local("cora"));
+    ASSERT_TRUE(anna->sendMessage(messageTo(longName, 1)));
+    ASSERT_TRUE(anna->sendMessage(messageTo("cora", 2)));
+    const auto recordsWithoutMemory = [&] {
+        FixedRecords_ records;
+        inFreshThread([&] {
+            const SP_VekMessage_ sp_message = messageTo(longName, 3);
+            AllocationFailure_ failure(1);
+            EXPECT_FALSE(anna->sendMessage(sp_message));
+        });
+        return records.all();
+    };
+    EXPECT_EQ(recordsWithoutMemory(),
+              Records_{error(kSendFinding, "VekmsgTerminalImpl_::sendMessage() can't create Utf8String_")});
+
+    ASSERT_TRUE(anna->sendMessage(messageTo(longName, 4)));  // not found at once
+    ASSERT_TRUE(anna->sendMessage(messageTo(longName, 5)));  // found at once
+
+    const Records_ records = recordsWithoutMemory();
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].m_text, "VekMessageBinary_::serialize() Can't create basicBuffer_");
+    EXPECT_EQ(anna->m_activeConnections.size(), 2U);
 }
 
 TEST_F(TerminalSend, aSecondConnectionWithTheSamePeerIsNotInserted) {
