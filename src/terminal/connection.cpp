@@ -144,7 +144,8 @@ bool VekmsgConnection_::sendMyName() {
         if (!sp_buffer) break;
         if (!processPollEvents(sp_buffer)) return false;
     }
-    sendQueuedBuffers();  // the name is sent by now: this asks for no memory and cannot fail
+    // The name is sent by now: this asks for no memory and cannot fail.
+    if (!m_sendQueue.empty()) sendQueuedBuffers();
     if (m_connectionState == STATE_FAILED && !m_sendQueue.empty() && !reconnectFailedSocket()) return false;
     hasMessages = hasReceived();
     return m_connectionState != STATE_FAILED && m_connectionState != STATE_IDLE;

@@ -108,12 +108,30 @@ protected:
     template <class Action>
     void forEachSocket(Action action) const;
 
-    /// Whether a pass would do nothing unless a poll over all sockets reported any. That poll is then
-    /// prepared.
-    bool awaitsOnlyEvents();
+    /// Prepares a poll over all sockets of which it can tell that they are quiet. True when a pass would do
+    /// nothing unless that poll reported any.
+    bool prepareLook();
+
+    /// The part of it that is about the active connections. Whether each of them has an entry.
+    bool prepareStreams();
+
+    /// Makes the poll that is prepared, without waiting, where this saves more calls than it makes.
+    void look();
 
     /// Prepares the poll of a wait with the entries that fillPollFdArray makes.
     bool preparePoll();
+
+    /// The places of all active connections but such as are known to be at rest in this spell, with nothing
+    /// received.
+    Places_ dueConnections(std::uint64_t spell) const {
+        const bool isKnown = m_poll.hasBegun(spell) && m_polledChanges == m_activeConnections.changes();
+        return isKnown ? m_poll.due() : allConnections();
+    }
+    unsigned int placeBehind(const SP_VekmsgConnection_& sp_connection) const {
+        const auto behind = m_activeConnections.upper_bound(sp_connection);
+        return static_cast<unsigned int>(behind - m_activeConnections.begin());
+    }
+    Places_ allConnections() const { return {0, static_cast<unsigned int>(m_activeConnections.size())}; }
 
     bool isOpen() const { return !m_sp_componentName.isNull(); }
 
@@ -200,6 +218,7 @@ protected:
 
     // Of the present call. Not on the stack, where 4 KB would stand between a caller and those it calls.
     SocketPoll_ m_poll;
+    unsigned int m_polledChanges = 0;  // of the active connections, when that was prepared
 };
 
 #endif

@@ -17,21 +17,32 @@ VEKMSG_RETURN_ON_EXCEPTION(false)
 [[gnu::hot]] bool VekmsgTerminalImpl_::makePass(bool& gotData) {
     gotData = false;
     if (!isOpen()) return true;
+    std::uint64_t spell = quietSpell();
     for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
-        if (!sp_socket->isQuiet() && !processPollEvents(Accepting_(), *sp_socket)) return false;
+        if (sp_socket->isQuiet(spell)) continue;
+        if (!processPollEvents(Accepting_(), *sp_socket)) return false;
+        spell = quietSpell();
     }
     for (auto next = m_unresolvedConnections.begin(); next != m_unresolvedConnections.end();)
         processPollEvents(Resolving_(), next++);
-    std::uint64_t spell = quietSpell();
-    for (auto active = m_activeConnections.begin(); active != m_activeConnections.end();) {
-        if ((*active)->isAtRest(spell)) {
-            gotData = gotData || (*active)->hasReceived();
-            ++active;
-        } else {
-            const bool isOfUse = processPollEvents(Serving_(), **active, gotData);
-            active = isOfUse ? active + 1 : retire(active);
-            spell = quietSpell();
+    spell = quietSpell();
+    auto [place, end] = dueConnections(spell);
+    while (place < end) {
+        VekmsgConnection_& active = *m_activeConnections[place];
+        if (active.isAtRest(spell)) {
+            gotData = gotData || active.hasReceived();
+            ++place;
+            continue;
         }
+        const bool isOfUse = processPollEvents(Serving_(), active, gotData);
+        if (isOfUse) {
+            ++place;
+        } else {
+            retire(m_activeConnections.begin() + place);
+        }
+        if (isOfUse && quietSpell() == spell) continue;
+        spell = quietSpell();
+        end = allConnections().m_end;
     }
     if (!m_keptBlocks.empty()) gotData = true;
     return true;
@@ -49,19 +60,64 @@ template <class Action>
 }
 
 [[gnu::hot]] void VekmsgTerminalImpl_::lookForQuietSockets() {
-    endQuietSpell();
-    if (VEKMSG_QUIET_SPELLS == 0 || !isOpen()) return;
+    if (!isOpen()) return;
+    prepareLook();
+    look();
+}
+
+[[gnu::hot]] bool VekmsgTerminalImpl_::prepareLook() {
+    if (VEKMSG_QUIET_SPELLS == 0) return false;
     m_poll.clear();
-    forEachSocket([&](VekSocket_& socket) {
-        if (m_poll.room() != 0 && socket.fillQuietPollFd(*m_poll.next())) m_poll.add(socket);
-    });
+    bool areListenersAdded = true;
+    for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
+        if (!m_poll.tryAdd(*sp_socket)) areListenersAdded = false;
+    }
+    for (const SP_VekmsgConnection_& sp_connection : m_unresolvedConnections) {
+        if (VekSocket_* p_socket = sp_connection->socket()) m_poll.tryAdd(*p_socket);
+    }
+    const bool areStreamsAdded = prepareStreams();
+    const bool isNoneDue = m_poll.due().m_end == 0;
+    m_polledChanges = m_activeConnections.changes();
+    // An unresolved connection may settle with any active one.
+    const bool isDueKnown = areStreamsAdded && m_unresolvedConnections.empty();
+    if (!isDueKnown) m_poll.setDue(allConnections());
+    return isDueKnown && isNoneDue && areListenersAdded && m_keptBlocks.empty() &&
+           m_poll.count() <= kWaitPollEntries;
+}
+
+[[gnu::hot]] bool VekmsgTerminalImpl_::prepareStreams() {
+    m_poll.beginStreams();
+    Places_ due = SocketPoll_::none();
+    bool areAllAdded = true;
+    const unsigned int end = allConnections().m_end;
+    for (unsigned int place = 0; place < end; ++place) {
+        const VekmsgConnection_& connection = *m_activeConnections[place];
+        VekSocket_* p_socket = connection.socket();
+        if (connection.awaitsOnlyData() && m_poll.tryAddStream(*p_socket)) {
+            if (connection.hasReceived()) due.include(place);
+        } else {
+            due.include(place);
+            if (p_socket == nullptr || !m_poll.tryAdd(*p_socket)) areAllAdded = false;
+        }
+    }
+    m_poll.setDue(due);
+    return areAllAdded;
+}
+
+void VekmsgTerminalImpl_::look() {
     // Asking one stream costs no more than the poll; a listening socket with nobody waiting costs ten times
     // that.
-    if (m_poll.count() >= 2 || !m_listeningSockets.empty()) m_poll.poll(0);
+    const bool isWorthIt = m_poll.count() >= 2 || !m_listeningSockets.empty();
+    if (VEKMSG_QUIET_SPELLS != 0 && isWorthIt) {
+        m_poll.poll(0);
+    } else {
+        endQuietSpell();
+    }
 }
 
 bool VekmsgTerminalImpl_::preparePoll() {
     m_poll.clear();
+    m_poll.setDue(allConnections());
     unsigned int count = kWaitPollEntries;
     if (!fillPollFdArray(m_poll.next(), count)) return false;
     const pollfd* const p_end = m_poll.next() + count;
@@ -101,6 +157,7 @@ bool VekmsgTerminalImpl_::processPollEvents(Accepting_, VekSocket_& listeningSoc
 }
 
 void VekmsgTerminalImpl_::processPollEvents(Resolving_, Connections_::iterator unresolved) {
+    m_poll.setDue(allConnections());  // it may settle with any of them
     const SP_VekmsgConnection_ sp_connection = *unresolved;
     bool hasMessages = false;
     if (!sp_connection->processPollEvents(hasMessages)) {

@@ -69,24 +69,23 @@ void VekmsgTerminalImpl_::keepFirst(const SP_BasicBuffer_& sp_buffer, const SP_U
 // Filters, replies and forwarding may insert and erase connections while one is served. So the walk holds on
 // to that one and goes on by name.
 [[gnu::hot]] bool VekmsgTerminalImpl_::receiveFromConnections() {
-    std::uint64_t spell = quietSpell();
-    for (auto next = m_activeConnections.begin(); next != m_activeConnections.end();) {
-        if (!(*next)->hasReceived() && (*next)->isAtRest(spell)) {
-            ++next;
-            continue;
-        }
-        const SP_VekmsgConnection_ sp_connection = *next;
+    const std::uint64_t spell = quietSpell();
+    auto [place, end] = dueConnections(spell);
+    while (place < end) {
+        const SP_VekmsgConnection_ sp_connection = m_activeConnections[place];
         const unsigned int changes = m_activeConnections.changes();
         SP_BasicBuffer_ sp_buffer;
         if (!sp_connection->receiveEncodedMessage(sp_buffer)) {
-            retire(next);
+            retire(m_activeConnections.begin() + place);
         } else if (!receiveMessage(Blocks_(), sp_buffer, sp_connection->getPeerName())) {
             if (sp_buffer) putBack(sp_buffer, sp_connection);
             return false;
         }
+        ++place;
         const bool isGood = m_activeConnections.changes() == changes;
-        next = isGood ? next + 1 : m_activeConnections.upper_bound(sp_connection);
-        spell = quietSpell();
+        if (isGood && quietSpell() == spell) continue;
+        if (!isGood) place = placeBehind(sp_connection);
+        end = allConnections().m_end;
     }
     return true;
 }

@@ -97,8 +97,8 @@ int copyReturnedEvents(const pollfd* p_entries, pollfd* p_callers, unsigned int 
     const QuietSpellEnd_ end;
     bool gotData = false;
     // What the poll of the wait will tell at once need not be asked before it.
-    bool isPassDue = !awaitsOnlyEvents();
-    if (isPassDue) lookForQuietSockets();
+    bool isPassDue = !prepareLook();
+    if (isPassDue) look();
     unsigned int remainingMs = std::max(timeoutMs, 1U);  // at least one poll in any case
     while (remainingMs != 0) {
         if (isPassDue) {
@@ -122,25 +122,6 @@ int copyReturnedEvents(const pollfd* p_entries, pollfd* p_callers, unsigned int 
     return VekmsgTerminal_::WAIT_TIMEOUT;
 }
 VEKMSG_RETURN_ON_EXCEPTION(VekmsgTerminal_::WAIT_ERROR)
-
-[[gnu::hot]] bool VekmsgTerminalImpl_::awaitsOnlyEvents() {
-    if (VEKMSG_QUIET_SPELLS == 0 || !m_keptBlocks.empty() || !m_unresolvedConnections.empty()) return false;
-    if (m_listeningSockets.size() + m_activeConnections.size() > kWaitPollEntries) return false;
-    m_poll.clear();
-    const auto add = [&](VekSocket_& socket) {
-        if (!socket.fillQuietPollFd(*m_poll.next())) return false;
-        m_poll.add(socket);
-        return true;
-    };
-    for (const SP_VekSocket_& sp_socket : m_listeningSockets) {
-        if (!add(*sp_socket)) return false;
-    }
-    for (const SP_VekmsgConnection_& sp_connection : m_activeConnections) {
-        if (!sp_connection->awaitsOnlyData() || sp_connection->hasReceived()) return false;
-        if (!add(*sp_connection->socket())) return false;
-    }
-    return true;
-}
 
 VekmsgTerminalImpl_::PollResult_ VekmsgTerminalImpl_::pollFd(pollfd* p_pollFd, unsigned int count,
                                                              unsigned int timeoutMs,

@@ -522,11 +522,9 @@ bool VekSocket_::fillPollFd(bool wantWrite, pollfd* p_pollFd, pollfd*& p_next) c
 
 bool VekSocket_::fillQuietPollFd(pollfd& entry) const {
     const bool isReceiving = m_state == CONNECTED && !m_sp_receiveBuffer.isNull() && m_bytesToReceive != 0;
-    if (m_descriptor < 0 || (m_state != LISTENING && m_state != CONNECTING && !isReceiving)) return false;
-    entry.fd = m_descriptor;
-    entry.events = m_state == CONNECTING ? POLLOUT : POLLIN | POLLPRI;
-    entry.revents = 0;
-    return true;
+    if (m_state == LISTENING || isReceiving) return fillReadPollFd(entry);
+    entry = {m_descriptor, POLLOUT, 0};
+    return m_state == CONNECTING;
 }
 
 void VekSocket_::cleanUp() {

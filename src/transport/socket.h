@@ -78,6 +78,12 @@ public:
     /// Fills the entry with what would make this socket do something, if anything would but the clock.
     bool fillQuietPollFd(pollfd& entry) const;
 
+    /// The same for one that accepts peers or receives.
+    bool fillReadPollFd(pollfd& entry) const {
+        entry = {m_descriptor, POLLIN | POLLPRI, 0};
+        return m_descriptor >= 0;
+    }
+
     /// A poll for that has just reported nothing. While the spell lasts, `accept`, the read of `check` and
     /// the look at a connect under way take the answer "not yet" without asking. Writes and time limits go
     /// on.
@@ -86,6 +92,9 @@ public:
 
     /// Whether the present spell is one of those of which that is known.
     bool isQuiet() const { return m_quietSpell != kNoQuietSpell && isQuiet(quietSpell()); }
+
+    /// The same for the spell of that number.
+    bool isQuiet(std::uint64_t spell) const { return m_quietSpell == spell && spell != kNoQuietSpell; }
 
     /// Whether nothing but data from the peer makes `check` do anything.
     bool awaitsOnlyData() const { return m_state == CONNECTED && m_bytesToReceive != 0 && !m_sp_sendBuffer; }
@@ -115,7 +124,6 @@ private:
     bool check(BasicBuffer_& receiveBuffer, SP_BasicBuffer_& sp_complete);
     [[gnu::noinline]] bool check(BasicBuffer_& sendBuffer);
 
-    bool isQuiet(std::uint64_t spell) const { return m_quietSpell == spell && spell != kNoQuietSpell; }
     void becomeConnected();
     long writePending() const;
     void takeOffPending(long written);

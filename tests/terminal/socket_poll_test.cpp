@@ -1,6 +1,7 @@
 #include "terminal/socket_poll.h"
 
 #include <cerrno>
+#include <vector>
 
 #include "foundation/quiet_spell.h"
 #include "transport/streams.h"
@@ -22,6 +23,17 @@ protected:
         EXPECT_TRUE(socket.fillQuietPollFd(*m_poll.next()));
         m_poll.add(socket);
     }
+    void addAsStreams() {
+        m_poll.beginStreams();
+        EXPECT_TRUE(m_poll.tryAddStream(m_first.m_client));
+        EXPECT_TRUE(m_poll.tryAddStream(m_second.m_client));
+    }
+    std::vector<unsigned int> due() const {
+        std::vector<unsigned int> places;
+        for (unsigned int place = m_poll.due().m_begin; place < m_poll.due().m_end; ++place)
+            places.push_back(place);
+        return places;
+    }
     void addBoth() {
         add(m_first.m_client);
         add(m_second.m_client);
@@ -30,6 +42,7 @@ protected:
 
     Streams_ m_first{Type_::LOCAL};
     Streams_ m_second{Type_::INET_TCP};
+    using Due_ = std::vector<unsigned int>;
     SocketPoll_ m_poll;
 };
 
@@ -102,4 +115,65 @@ TEST_F(SocketPoll, hasRoomFor256Entries) {
 
     EXPECT_EQ(m_poll.count(), 0U);
     EXPECT_EQ(m_poll.room(), 256U);
+}
+
+TEST_F(SocketPoll, hasNoEntryForOneThatNothingButTheClockMoves) {
+    VekSocket_ idle;
+    EXPECT_FALSE(m_poll.tryAdd(idle));
+    m_second.m_client.cleanUp();
+    EXPECT_FALSE(m_poll.tryAddStream(m_second.m_client));
+    EXPECT_EQ(m_poll.count(), 0U);
+
+    EXPECT_TRUE(m_poll.tryAdd(m_first.m_client));
+    EXPECT_TRUE(m_poll.tryAddStream(m_first.m_client));
+    EXPECT_EQ(m_poll.count(), 2U);
+}
+
+TEST_F(SocketPoll, hasNoEntryBeyondItsRoom) {
+    while (m_poll.room() != 0) EXPECT_TRUE(m_poll.tryAdd(m_first.m_client));
+
+    EXPECT_FALSE(m_poll.tryAdd(m_first.m_client));
+    EXPECT_FALSE(m_poll.tryAddStream(m_first.m_client));
+    EXPECT_EQ(m_poll.count(), 256U);
+}
+
+TEST_F(SocketPoll, streamsThatItReportsAreDue) {
+    EXPECT_TRUE(m_poll.tryAdd(m_second.m_client));  // before them, so none of them
+    addAsStreams();
+    EXPECT_EQ(m_poll.poll(0), 0);
+    EXPECT_EQ(due(), Due_{});
+    m_second.m_sp_server->send(bufferWith("x"));
+
+    EXPECT_EQ(m_poll.poll(1000), 2);
+
+    EXPECT_EQ(due(), Due_{1});
+    m_first.m_sp_server->send(bufferWith("x"));
+    EXPECT_EQ(m_poll.poll(1000), 3);
+    EXPECT_EQ(due(), (Due_{0, 1}));
+}
+
+TEST_F(SocketPoll, whatIsDueBeforeStaysDue) {
+    addAsStreams();
+    m_poll.setDue({0, 1});
+    EXPECT_EQ(m_poll.poll(0), 0);
+    EXPECT_EQ(due(), Due_{0});
+    m_second.m_sp_server->send(bufferWith("x"));
+
+    EXPECT_EQ(m_poll.poll(1000), 1);
+
+    EXPECT_EQ(due(), (Due_{0, 1}));
+    m_poll.clear();
+    EXPECT_EQ(due(), Due_{});
+}
+
+TEST_F(SocketPoll, knowsWhetherTheSpellIsItsOwn) {
+    EXPECT_FALSE(m_poll.hasBegun(quietSpell()));
+    addBoth();
+    EXPECT_EQ(m_poll.poll(0), 0);
+    EXPECT_TRUE(m_poll.hasBegun(quietSpell()));
+    endQuietSpell();
+    EXPECT_FALSE(m_poll.hasBegun(quietSpell()));
+
+    beginQuietSpell(takeQuietSpell());
+    EXPECT_FALSE(m_poll.hasBegun(quietSpell()));
 }

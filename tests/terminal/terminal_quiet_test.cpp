@@ -326,6 +326,114 @@ TEST_F(TerminalQuiet, socketsBeyondTheArrayAreAsked) {
     EXPECT_EQ(asked(calls), (Asked_{1, 0, 2, 0}));
 }
 
+TEST_F(TerminalQuiet, connectionsBeyondTheArrayAreAsked) {
+    openWithPeers(258);  // beside one listening socket: three too many
+    m_peers[0]->write(messageBlock("anna", "peer0", 1));
+    m_peers[200]->write(messageBlock("anna", "peer200", 2));
+    SystemCalls_ calls;
+
+    EXPECT_TRUE(m_anna->pass());
+
+    EXPECT_EQ(asked(calls), (Asked_{1, 0, 0, 9}));
+    EXPECT_EQ(numbersAt(*m_anna), (std::vector<unsigned int>{1, 2}));
+}
+
+TEST_F(TerminalQuiet, theFirstAndTheLastOfManyAreReadInOnePass) {
+    openWithPeers(5);
+    for (const unsigned int i : {4, 0}) {
+        const std::string peer = "peer" + std::to_string(i);
+        m_peers[i]->write(messageBlock("anna", peer.c_str(), i + 1));
+    }
+    SystemCalls_ calls;
+
+    EXPECT_TRUE(m_anna->pass());
+
+    EXPECT_EQ(asked(calls), (Asked_{1, 0, 0, 6}));
+    EXPECT_EQ(numbersAt(*m_anna), (std::vector<unsigned int>{1, 5}));
+}
+
+TEST_F(TerminalQuiet, blocksAtHandComeWithThoseThatArrive) {
+    openWithPeers(4);
+    m_peers[3]->write(messageBlock("anna", "peer3", 3));
+    EXPECT_TRUE(m_anna->pass());
+    m_peers[1]->write(messageBlock("anna", "peer1", 1));
+    SystemCalls_ calls;
+    SP_VekMessage_ sp_message;
+
+    EXPECT_TRUE(m_anna->receiveMessage(sp_message));
+
+    EXPECT_EQ(asked(calls), (Asked_{1, 0, 0, 3}));
+    EXPECT_EQ(numberIn(sp_message), 1U);
+    EXPECT_EQ(numberIn(m_anna->m_receivedMessages.front()), 3U);  // taken in the same call
+}
+
+TEST_F(TerminalQuiet, oneThatEndsDoesNotHideTheOthers) {
+    openWithPeers(4);
+    m_peers[0]->write(messageBlock("anna", "peer0", 1));
+    m_peers[1]->close();
+    m_peers[2]->write(messageBlock("anna", "peer2", 2));
+
+    EXPECT_EQ(m_anna->waitForMessage(10000), VekmsgTerminal_::WAIT_MESSAGE);
+
+    EXPECT_EQ(m_anna->m_activeConnections.size(), 3U);
+    EXPECT_TRUE(m_anna->active("peer0")->hasReceived());
+    EXPECT_TRUE(m_anna->active("peer2")->hasReceived());
+    EXPECT_EQ(numbersAt(*m_anna), (std::vector<unsigned int>{1, 2}));
+}
+
+// The connection that was there has nothing to do until the new stream brings it a block.
+TEST_F(TerminalQuiet, whatComesWithASecondStreamOfAPeerIsFoundInThePassThatAcceptsIt) {
+    openWithPeers(3);
+    const auto connectAgain = [&](unsigned int number) {
+        m_peers.emplace_back(new RawPeer_(local("anna")));
+        m_peers.back()->write(nameBlock("peer1") + messageBlock("anna", "peer1", number));
+    };
+    connectAgain(1);
+    EXPECT_EQ(m_anna->waitForMessage(10000), VekmsgTerminal_::WAIT_MESSAGE);
+    EXPECT_EQ(numbersAt(*m_anna), std::vector<unsigned int>{1});
+    connectAgain(2);
+    SP_VekMessage_ sp_message;
+
+    EXPECT_TRUE(m_anna->receiveMessage(sp_message));
+
+    EXPECT_EQ(numberIn(sp_message), 2U);
+    EXPECT_EQ(m_anna->m_activeConnections.size(), 3U);
+    m_records.take();  // that there were two
+}
+
+TEST_F(TerminalQuiet, aConnectionWithoutASocketDoesNotKeepTheOthersFromBeingRead) {
+    openWithPeers(2);
+    m_anna->m_unresolvedConnections.push_back(SP_VekmsgConnection_(new VekmsgConnection_));
+    m_anna->addActive("peer00");
+    m_peers[1]->write(messageBlock("anna", "peer1", 1));
+
+    EXPECT_TRUE(m_anna->pass());
+
+    EXPECT_EQ(numbersAt(*m_anna), std::vector<unsigned int>{1});
+    EXPECT_TRUE(m_anna->m_unresolvedConnections.empty());
+    EXPECT_EQ(m_anna->m_activeConnections.size(), 2U);
+    m_records.take();  // that there was no socket
+}
+
+TEST_F(TerminalQuiet, aConnectionThatComesWithoutASocketDuringAWaitIsPassedBy) {
+    openWithPeers(1);
+    static TestTerminal_* s_p_anna = nullptr;
+    static unsigned int s_calls = 0;
+    s_p_anna = m_anna.get();
+    s_calls = 0;
+    const auto addAfterFilling = [](void*) -> VekmsgTerminalImpl_* {
+        if (++s_calls == 2) s_p_anna->addActive("abel");
+        return s_p_anna;
+    };
+    void* handles[] = {m_anna.get(), nullptr};
+
+    EXPECT_EQ(VekmsgTerminalImpl_::pollFd(nullptr, 0, 1, addAfterFilling, reinterpret_cast<char*>(handles)),
+              VekmsgTerminal_::POLL_TIMEOUT);
+
+    EXPECT_EQ(m_anna->m_activeConnections.size(), 1U);
+    m_records.take();  // that there was no socket
+}
+
 TEST_F(TerminalQuiet, aPeerAcceptedInThePassIsReadInIt) {
     openWithPeers(1);
     RawPeer_ emil(local("anna"));
