@@ -7,6 +7,9 @@
 //     --polls S,R           for a comparison with a library that asks the kernel with so many polls over all
 //                           its descriptors, in the sender and in the receiver: these, and no call that would
 //                           block
+//     --polls S,R --variant drain
+//                           the same, and after each message the receive that would block: no poll has told
+//                           whether another one has followed
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -63,6 +66,7 @@ public:
     BareSide_(const Options_& options, const Address_& own, unsigned int polls)
         : m_isBlocking(options.m_variant == "blocking"),
           m_polls(polls),
+          m_isDraining(polls == 0 || options.m_variant == "drain"),
           m_isAskingAll(options.m_mode == Mode_::RoundTrip),
           m_entries{{listenAt(own), POLLIN, 0}},
           m_quiet(quietStream(own, m_entries[0].fd)) {
@@ -128,7 +132,7 @@ private:
             m_last = ready;
             const std::size_t size = readBlock(m_entries[ready].fd);
             // Another message may have come on the busy one: the receive that would block is made elsewhere.
-            if (m_polls == 0) askIt(m_quiet);
+            if (m_isDraining) askIt(m_quiet);
             return size;
         }
     }
@@ -183,6 +187,7 @@ private:
 
     bool m_isBlocking;
     unsigned int m_polls;
+    bool m_isDraining;
     bool m_isAskingAll;
     std::vector<pollfd> m_entries;  // the listening socket, then the connections
     int m_quiet;

@@ -14,6 +14,7 @@ SEGMENTS = ("On TCP \"at\" says how many segments a message took: what is joined
 CODEC_WORDS = "Processor time, ratio to the library: above 1 is slower than it."
 BASE = "bare protocol"
 SAME_POLLS = "bare, same polls"
+SAME_CALLS = "bare, same calls"
 MODES = {"rtt": "round trip", "stream": "one way", "burst": "burst", "fanin": "fan-in"}
 APART = "tcp apart"  # TCP where no message is joined with another: see run.py
 LOCAL = {"unix": "local", "tcp": "TCP", APART: "TCP apart"}
@@ -134,9 +135,10 @@ def fan_table(results):
 def many_table(results):
     cases = [case_of(transport, "rtt", peers=peers) for transport in TRANSPORTS for peers in PEERS]
     names = [f"{LOCAL[case['transport']]} {case['peers']}" for case in cases]
-    own = quotient_tables(results, cases, names, f"Time as a multiple of *{SAME_POLLS}*",
-                          lambda case, _: results.row(case, SAME_POLLS))
-    return f"{ratio_table(results, cases, names)}\n\n{own}"
+    tables = [quotient_tables(results, cases, names, f"Time as a multiple of *{base}*",
+                              lambda case, _, base=base: results.row(case, base))
+              for base in (SAME_POLLS, SAME_CALLS)]
+    return "\n\n".join([ratio_table(results, cases, names), *tables])
 
 
 def codec_table(results, operation):

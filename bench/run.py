@@ -17,6 +17,8 @@ import report
 BASE = report.BASE
 LIBRARY = "libvekmsg"
 SAME_POLLS = report.SAME_POLLS
+SAME_CALLS = report.SAME_CALLS
+RECEIVES_OF_DRAINING = 3  # a header, a block, and one that would block
 TIME_LIMIT = 150  # seconds, beyond the programs' own
 AGAIN = "bare protocol again"  # a second run, so that more TCP regimes find a base to compare with
 ALIKE = 0.25  # largest difference in segments per message between what is compared
@@ -153,6 +155,15 @@ def same_polls(case, counted):
     return Program(SAME_POLLS, "bare_transfer", ["--polls", ",".join(polls)])
 
 
+def same_calls(case, counted):
+    """A bare program that makes every call that the library was seen to make; None where it makes others."""
+    calls = [counted[case, LIBRARY][side] for side in ("sender", "receiver")]
+    expected = {"send": 1, "recv": RECEIVES_OF_DRAINING, "accept": 0, "other": 0}
+    if any(round(side[call]) != number for side in calls for call, number in expected.items()):
+        return None
+    return Program(SAME_CALLS, "bare_transfer", [*same_polls(case, counted).options, "--variant", "drain"])
+
+
 def measure(runner, programs, rounds, counted):
     """Every program in every round, so that what disturbs the machine disturbs all of them."""
     measured = collections.defaultdict(dict)  # (case, program): round: line
@@ -161,7 +172,7 @@ def measure(runner, programs, rounds, counted):
             progress(f"round {turn + 1} of {rounds}: {report.describe(case._asdict())}")
             own = list(programs)
             if case.mode == "rtt" and case.peers > 1:
-                own.insert(1, same_polls(case, counted))
+                own[1:1] = [same_polls(case, counted), *filter(None, [same_calls(case, counted)])]
             if has_regimes(case):
                 own.append(Program(AGAIN, "bare_transfer", []))
             for program in own:
