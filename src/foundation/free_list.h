@@ -76,6 +76,8 @@ private:
         Phase_ m_phase;
     };
 
+    static inline Chain_ s_chain{nullptr, 0, Phase_::Unused};
+
     struct Drain_ {
         Chain_* m_p_chain = nullptr;
         ~Drain_() {
@@ -108,7 +110,9 @@ private:
         chain.m_phase = Phase_::Open;
     }
 
-    [[gnu::hot, gnu::const]] VEKMSG_THREAD_ACCESS static Chain_& threadChain() noexcept {
+    static Chain_& threadChain() noexcept { return isLoadingThread() ? s_chain : otherThreadChain(); }
+
+    [[gnu::const]] VEKMSG_THREAD_ACCESS static Chain_& otherThreadChain() noexcept {
         static thread_local Chain_ t_chain{nullptr, 0, Phase_::Unused};
         return t_chain;
     }

@@ -11,7 +11,9 @@ std::atomic<std::uint64_t> g_nextNumbers{kNoQuietSpell + 1};
 
 }  // namespace
 
-QuietSpells_& threadQuietSpells() {
+QuietSpells_ g_loadingThreadQuietSpells{kNoQuietSpell, 0, 0};
+
+QuietSpells_& otherThreadQuietSpells() {
     static thread_local QuietSpells_ t_spells{kNoQuietSpell, 0, 0};
     return t_spells;
 }

@@ -29,7 +29,12 @@ struct QuietSpells_ {
     std::uint64_t m_end;
 };
 
-[[gnu::hot, gnu::const]] VEKMSG_THREAD_ACCESS QuietSpells_& threadQuietSpells();
+extern QuietSpells_ g_loadingThreadQuietSpells;
+[[gnu::const]] VEKMSG_THREAD_ACCESS QuietSpells_& otherThreadQuietSpells();
+
+inline QuietSpells_& threadQuietSpells() {
+    return isLoadingThread() ? g_loadingThreadQuietSpells : otherThreadQuietSpells();
+}
 
 /// The number of the spell of this thread, or kNoQuietSpell.
 inline std::uint64_t quietSpell() {

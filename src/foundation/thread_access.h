@@ -16,4 +16,16 @@
 #define VEKMSG_THREAD_ACCESS __attribute__((noinline))
 #endif
 
+/// The address of the thread that loaded the library.
+extern const void* g_p_loadingThread;
+
+/// Whether this is that thread, or one that stands at its address since it has ended (the lists are closed
+/// then, and the other one gets its memory from the heap). It is usually the only one that uses the library,
+/// and what every message asks for many times is not thread-local for it but ordinary memory, which it
+/// reaches without a call: where the kernel has had the caches in between, calls to addresses that are read
+/// from memory are what costs most.
+inline bool isLoadingThread() noexcept {
+    return __builtin_expect(g_p_loadingThread == __builtin_thread_pointer(), 1);
+}
+
 #endif

@@ -68,7 +68,9 @@ private:
     }
 
     // Trivial on purpose: elements may go after the families of their thread.
-    [[gnu::const]] VEKMSG_THREAD_ACCESS static KeptFamilies_& ofThread() noexcept {
+    static KeptFamilies_& ofThread() noexcept { return isLoadingThread() ? s_kept : ofOtherThread(); }
+
+    [[gnu::const]] VEKMSG_THREAD_ACCESS static KeptFamilies_& ofOtherThread() noexcept {
         static thread_local KeptFamilies_ t_kept;
         return t_kept;
     }
@@ -82,7 +84,11 @@ private:
     std::size_t m_spares = 0;
     unsigned int m_families = 0;
     Phase_ m_phase = Phase_::Unused;
+
+    static KeptFamilies_ s_kept;
 };
+
+KeptFamilies_ KeptFamilies_::s_kept;
 
 SubElements_::Family_::~Family_() {
     letGo();

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include "support/allocation_failure.h"
@@ -108,6 +109,26 @@ TEST_F(LoadedLibrary, goesWithEverythingWhenItsThreadHasEnded) {
 
         EXPECT_TRUE(isDone);
         EXPECT_FALSE(isMapped()) << round;
+    }
+    EXPECT_EQ(liveAllocations(), before);
+}
+
+// A thread that comes later stands where the one was that has ended.
+TEST_F(LoadedLibrary, servesTheThreadsAfterTheOneThatLoadedIt) {
+    const long before = liveAllocations();
+    {
+        std::unique_ptr<Library_> library;
+        unsigned int done = 0;
+        for (unsigned int thread = 0; thread < 4; ++thread) {
+            inFreshThread([&] {
+                if (!library) library.reset(new Library_);
+                if (exchangeOne(*library, m_directory) && exchangeOne(*library, m_directory)) ++done;
+            });
+        }
+
+        EXPECT_EQ(done, 4U);
+        library->unload();
+        EXPECT_FALSE(isMapped());
     }
     EXPECT_EQ(liveAllocations(), before);
 }
