@@ -156,6 +156,18 @@ TEST_F(TerminalQuiet, socketsWithoutAnEntryDoNotMixUpTheOthers) {
     }
 }
 
+TEST_F(TerminalQuiet, behindOneWithoutAnEntryTheLastIsReadInTheFirstPass) {
+    openWithPeers(3);
+    addWithoutEntry("abel");
+    m_peers[2]->write(messageBlock("anna", "peer2", 1));
+    SystemCalls_ calls;
+
+    EXPECT_TRUE(m_anna->pass());
+
+    EXPECT_EQ(asked(calls), (Asked_{1, 0, 0, 3}));
+    EXPECT_TRUE(m_anna->active("peer2")->hasReceived());
+}
+
 TEST_F(TerminalQuiet, aCallThatReceivesNothingIsOneLook) {
     openWithPeers(3);
     SystemCalls_ calls;
