@@ -15,6 +15,9 @@ CODEC_WORDS = "Processor time, ratio to the library: above 1 is slower than it."
 BASE = "bare protocol"
 SAME_POLLS = "bare, same polls"
 SAME_CALLS = "bare, same calls"
+LIBRARY = "libvekmsg"
+ASKING_EACH = f"{LIBRARY}, asking each"
+CALLS = ("send", "recv", "accept", "poll", "other")
 MODES = {"rtt": "round trip", "stream": "one way", "burst": "burst", "fanin": "fan-in"}
 APART = "tcp apart"  # TCP where no message is joined with another: see run.py
 LOCAL = {"unix": "local", "tcp": "TCP", APART: "TCP apart"}
@@ -138,7 +141,24 @@ def many_table(results):
     tables = [quotient_tables(results, cases, names, f"Time as a multiple of *{base}*",
                               lambda case, _, base=base: results.row(case, base))
               for base in (SAME_POLLS, SAME_CALLS)]
-    return "\n\n".join([ratio_table(results, cases, names), *tables])
+    return "\n\n".join([ratio_table(results, cases, names), *tables, many_calls_table(results, cases, names)])
+
+
+def many_calls_table(results, cases, names):
+    """Beside those of the library that asks each socket, with what part of them are made."""
+    rows = []
+    for program in (LIBRARY, ASKING_EACH):
+        found = [results.row(case, program) for case in cases]
+        rows.append([program, *(f"{calls_of(row):.1f}" if row else "" for row in found)])
+    pairs = [[results.row(case, program) for program in (LIBRARY, ASKING_EACH)] for case in cases]
+    rows.append(["part of them", *(f"{calls_of(own) / calls_of(other):.2f}" if own and other else ""
+                                   for own, other in pairs)])
+    words = "Calls to the kernel for a round trip, in both processes together, counted:"
+    return f"{words}\n\n{table(['program', *names], rows)}"
+
+
+def calls_of(row):
+    return sum(side[call] for side in row["calls"].values() for call in CALLS)
 
 
 def codec_table(results, operation):
@@ -167,7 +187,7 @@ def cost_table(results):
 
 
 def calls_table(results):
-    keys = ("send", "recv", "accept", "poll", "other", "allocations")
+    keys = (*CALLS, "allocations")
     rows = []
     for cost in results["costs"]:
         for case in cost["calls"]:

@@ -3,6 +3,7 @@
 
 import argparse
 import collections
+import contextlib
 import json
 import os
 import platform
@@ -11,14 +12,19 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import time
 
 import report
 
 BASE = report.BASE
-LIBRARY = "libvekmsg"
+LIBRARY = report.LIBRARY
 SAME_POLLS = report.SAME_POLLS
 SAME_CALLS = report.SAME_CALLS
+ASKING = "asking"  # where copies of the build stand whose library asks each socket in each pass
 RECEIVES_OF_DRAINING = 3  # a header, a block, and one that would block
+# In which the kernel puts away what the program before has left: one that follows a long one without a rest was seen to
+# take 8 % more.
+REST = 0.03  # seconds
 TIME_LIMIT = 150  # seconds, beyond the programs' own
 AGAIN = "bare protocol again"  # a second run, so that more TCP regimes find a base to compare with
 ALIKE = 0.25  # largest difference in segments per message between what is compared
@@ -30,6 +36,7 @@ OWN_PROGRAMS = [
     Program(LIBRARY, "vekmsg_transfer", []),
     Program("libvekmsg in C", "vekmsg_transfer", ["--variant", "c"]),
 ]
+ASKING_EACH = Program(report.ASKING_EACH, f"{ASKING}/vekmsg_transfer", [])
 PEER_PROGRAMS = [
     Program("ZeroMQ", "peers/zeromq_transfer", []),
     Program("nng", "peers/nng_transfer", []),
@@ -83,8 +90,10 @@ def progress(text):
 class Runner:
     """Runs programs of one build and remembers which of them cannot do what."""
 
-    def __init__(self, folder, is_quick):
-        self.folder = os.path.join(folder, "bench")
+    def __init__(self, build, is_quick, asking=None):
+        self.folder = os.path.join(build, "bench")
+        self.builds = {"": build} | ({ASKING: asking} if asking else {})
+        self.copies = None
         self.is_quick = is_quick
         self.left_out = collections.defaultdict(set)  # (program, why): cases
         self.missing = []
@@ -104,10 +113,29 @@ class Runner:
     def has(self, executable):
         return os.path.exists(os.path.join(self.folder, executable))
 
+    @contextlib.contextmanager
+    def fresh_copies(self):
+        """Own programs and libraries run as new files here. Where the pages of a file lie in memory moves a result by
+        some hundredths, and they stay there for as long as the file is in use: one file would do so in every round."""
+        with tempfile.TemporaryDirectory(dir=self.folder) as self.copies:
+            for name, build in self.builds.items():
+                target = os.path.join(self.copies, name)
+                os.makedirs(target, exist_ok=True)
+                for file in ("bench/bare_transfer", "bench/vekmsg_transfer", "src/libvekmsg.so.1"):
+                    shutil.copy(os.path.join(build, file), target)
+            yield
+        self.copies = None
+
+    def path_of(self, executable):
+        copy = os.path.join(self.copies or "", executable)
+        return copy if self.copies and os.path.exists(copy) else os.path.join(self.folder, executable)
+
     def json_of(self, arguments, network=()):
         """Standard output as JSON; or, where the program has no such mode or fails, None and why."""
+        path = self.path_of(arguments[0])
+        beside = {**os.environ, "LD_LIBRARY_PATH": os.path.dirname(path)}
         try:
-            result = subprocess.run([*network, os.path.join(self.folder, arguments[0]), *arguments[1:]],
+            result = subprocess.run([*network, path, *arguments[1:]], env=beside,
                                     capture_output=True, text=True, timeout=TIME_LIMIT, check=False)
         except subprocess.TimeoutExpired:
             return None, "over time"
@@ -123,9 +151,10 @@ class Runner:
                      "--peers", str(case.peers), "--cores", case.cores]
         if case.batch:
             arguments += ["--batch", str(case.batch)]
+        time.sleep(REST)
         line, why = self.json_of(arguments, OWN_NETWORK if is_apart else ())
         if line is None:
-            if program in OWN_PROGRAMS and "not available" not in why:
+            if program not in PEER_PROGRAMS and "not available" not in why:
                 sys.exit(f"{program.name}: {why}\n{' '.join(arguments)} failed")
             self.left_out[program.name, why].add(report.describe(case._asdict()))
         return line
@@ -133,20 +162,30 @@ class Runner:
 
 def part_of(program, case):
     part = PEER_PART if program in PEER_PROGRAMS else 1
-    return part * (MANY_PART if case.mode == "rtt" and case.peers > 1 else 1)
+    return part * (MANY_PART if is_of_many(case) else 1)
 
 
 def count_calls(runner):
     """Calls and allocations per unit, in runs of their own because counting takes time."""
     counted = {}
-    for case in runner.cases:
-        if case.cores != "one" or case.transport == report.APART:
-            continue
-        for program in OWN_PROGRAMS:
-            line = runner.transfer(program, case, COUNTED_PART, ["--counted"])
-            if line:
-                counted[case, program.name] = {side: line[side] for side in ("sender", "receiver")}
+    with runner.fresh_copies():
+        for case in runner.cases:
+            if case.cores != "one" or case.transport == report.APART:
+                continue
+            for program in OWN_PROGRAMS + asking_each(runner, case):
+                line = runner.transfer(program, case, COUNTED_PART, ["--counted"])
+                if line:
+                    counted[case, program.name] = {side: line[side] for side in ("sender", "receiver")}
     return counted
+
+
+def asking_each(runner, case):
+    """The library as it would be without asking the kernel once, where that matters."""
+    return [ASKING_EACH] if ASKING in runner.builds and is_of_many(case) else []
+
+
+def is_of_many(case):
+    return case.mode == "rtt" and case.peers > 1
 
 
 def same_polls(case, counted):
@@ -168,18 +207,24 @@ def measure(runner, programs, rounds, counted):
     """Every program in every round, so that what disturbs the machine disturbs all of them."""
     measured = collections.defaultdict(dict)  # (case, program): round: line
     for turn in range(rounds):
-        for case in runner.cases:
-            progress(f"round {turn + 1} of {rounds}: {report.describe(case._asdict())}")
-            own = list(programs)
-            if case.mode == "rtt" and case.peers > 1:
-                own[1:1] = [same_polls(case, counted), *filter(None, [same_calls(case, counted)])]
-            if has_regimes(case):
-                own.append(Program(AGAIN, "bare_transfer", []))
-            for program in own:
-                line = runner.transfer(program, case, part_of(program, case))
-                if line:
-                    measured[case, program.name][turn] = line
+        with runner.fresh_copies():
+            for case in runner.cases:
+                progress(f"round {turn + 1} of {rounds}: {report.describe(case._asdict())}")
+                for program in programs_of(runner, programs, case, counted):
+                    line = runner.transfer(program, case, part_of(program, case))
+                    if line:
+                        measured[case, program.name][turn] = line
     return measured
+
+
+def programs_of(runner, programs, case, counted):
+    """The given ones, which begin with the bare ones, and those that only this case has."""
+    own = list(programs)
+    if is_of_many(case):
+        own[1:1] = [same_polls(case, counted), *filter(None, [same_calls(case, counted)]), *asking_each(runner, case)]
+    if has_regimes(case):
+        own.append(Program(AGAIN, "bare_transfer", []))
+    return own
 
 
 def has_regimes(case):
@@ -304,7 +349,7 @@ def write(path, text):
 def run(arguments):
     is_quick = arguments.quick
     rounds = arguments.rounds or (3 if is_quick else 5)
-    runner = Runner(arguments.programs, is_quick)
+    runner = Runner(arguments.programs, is_quick, arguments.asking)
     programs = list(OWN_PROGRAMS)
     if arguments.peers:
         missing_peers(arguments.programs, runner)
@@ -327,6 +372,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--programs")
     parser.add_argument("--programs32")
+    parser.add_argument("--asking")
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--peers", action="store_true")
     parser.add_argument("--rounds", type=int)
