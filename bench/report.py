@@ -253,7 +253,7 @@ def fill_page(results):
 
 
 COLOURS = ("#9aa5b1", "#52606d", "#2680c2", "#62b0e8", "#c65d21", "#e0a458", "#7b5ea7", "#3f9142", "#8db580", "#b33951",
-           "#c9ada7", "#1f7a8c", "#d4c400")
+           "#c9ada7", "#1f7a8c", "#d4c400", "#5c4d3c", "#f28482")
 
 
 def picture(results, title, unit, groups):
