@@ -22,8 +22,8 @@ SAME_POLLS = report.SAME_POLLS
 SAME_CALLS = report.SAME_CALLS
 ASKING = "asking"  # where copies of the build stand whose library asks each socket in each pass
 RECEIVES_OF_DRAINING = 3  # a header, a block, and one that would block
-# In which the kernel puts away what the program before has left: one that follows a long one without a rest was seen to
-# take 8 % more.
+# Before each program: one that follows a long one without a rest was seen to take 8 % more, and behind a rest of this
+# length no more. Why is not known.
 REST = 0.03  # seconds
 TIME_LIMIT = 150  # seconds, beyond the programs' own
 AGAIN = "bare protocol again"  # a second run, so that more TCP regimes find a base to compare with
@@ -115,8 +115,8 @@ class Runner:
 
     @contextlib.contextmanager
     def fresh_copies(self):
-        """Own programs and libraries run as new files here. Where the pages of a file lie in memory moves a result by
-        some hundredths, and they stay there for as long as the file is in use: one file would do so in every round."""
+        """Own programs and libraries run as new files here. Copies of one file differ by some hundredths, probably by
+        where their pages lie in memory, and keep the difference: a single file would show it in every round."""
         with tempfile.TemporaryDirectory(dir=self.folder) as self.copies:
             for name, build in self.builds.items():
                 target = os.path.join(self.copies, name)
