@@ -201,6 +201,12 @@ bool isLook(const struct pollfd* p_entries, nfds_t count, int timeout) {
            });
 }
 
+// Apart from `poll` itself, whose declaration says that it does not read the entries.
+int forwardPoll(const void* p_place, struct pollfd* p_entries, nfds_t count, int timeout) {
+    return carryOut(isLook(p_entries, count, timeout) ? SystemCalls_::Look : SystemCalls_::Poll, p_place,
+                    [=] { return pollWithPlans(p_entries, count, timeout); });
+}
+
 int forwardFcntl(const char* p_name, const void* p_place, int descriptor, int command, long argument) {
     return carryOut(SystemCalls_::Fcntl, p_place,
                     [=] { return next<int(int, int, ...)>(p_name)(descriptor, command, argument); });
@@ -468,8 +474,7 @@ int chmod(const char* p_path, mode_t mode) noexcept {
 }
 
 int poll(struct pollfd* p_entries, nfds_t count, int timeout) {
-    return carryOut(isLook(p_entries, count, timeout) ? SystemCalls_::Look : SystemCalls_::Poll, PLACE,
-                    [=] { return pollWithPlans(p_entries, count, timeout); });
+    return forwardPoll(PLACE, p_entries, count, timeout);
 }
 
 int clock_gettime(clockid_t clock, struct timespec* p_now) noexcept {
