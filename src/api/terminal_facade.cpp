@@ -143,8 +143,9 @@ bool VekmsgTerminal_::receiveRawPayload(SmartPointer_<Utf8String_>& sp_source,
     SP_VekMessage_ sp_message;
     if (!receiveMessage(sp_message)) return false;
     if (!sp_message) return true;
-    *sp_source = sp_message->getSource();
-    *sp_schema = sp_message->getPayloadSchema();
+    // A filter may have put a message of another class in place, without these texts.
+    if (const Utf8Char_* p_source = sp_message->getSource()) *sp_source = p_source;
+    if (const Utf8Char_* p_schema = sp_message->getPayloadSchema()) *sp_schema = p_schema;
     sp_payload = sp_message->getRawPayload();
     return true;
 }

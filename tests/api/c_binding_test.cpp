@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "api/component_folder.h"
@@ -345,6 +346,34 @@ TEST_F(CBindingExchange, aSentMessageStillBelongsToTheCaller) {
     vekmsg_free_handle(p_message);
     EXPECT_EQ(takeValue(await(m_p_beta)), 1U);
     EXPECT_EQ(takeValue(await(m_p_beta)), 1U);
+    EXPECT_EQ(m_records.take(), Records_());
+}
+
+/// Gives the application's handle back while the message is being sent, and swallows the message.
+class ReleasingFilter_ : public VekmsgFilter_ {
+public:
+    explicit ReleasingFilter_(void* p_handle) : m_p_handle(p_handle) {}
+    bool process(SP_VekMessage_& sp_message) override {
+        vekmsg_free_handle(std::exchange(m_p_handle, nullptr));
+        m_hasDestination = text(sp_message->getDestination()) == "beta";
+        sp_message.reset();
+        return true;
+    }
+
+    void* m_p_handle;
+    bool m_hasDestination = false;
+};
+
+TEST_F(CBindingExchange, aMessageMayLoseItsHandleWhileItIsBeingSent) {
+    const SmartPointer_<ReleasingFilter_> sp_filter(
+        new ReleasingFilter_(createMessage(m_p_alpha, "beta", 1)));
+    void* p_message = sp_filter->m_p_handle;
+    ASSERT_TRUE(static_cast<VekmsgTerminalImpl_*>(m_p_alpha)->setSendFilter(sp_filter));
+
+    EXPECT_EQ(vekmsg_terminal_send_message(m_p_alpha, p_message), VEKMSG_STATUS_SUCCESS);
+
+    EXPECT_EQ(sp_filter->m_p_handle, nullptr);
+    EXPECT_TRUE(sp_filter->m_hasDestination);
     EXPECT_EQ(m_records.take(), Records_());
 }
 

@@ -24,6 +24,19 @@ Record_ notOpenYet(const std::string& signature, const std::string& operation) {
     return Record_(3, kSource, signature, "VekmsgTerminal_::" + operation + "() not open yet");
 }
 
+/// Counts the messages it sees and passes them on.
+class CountingFilter_ : public VekmsgFilter_ {
+public:
+    explicit CountingFilter_(unsigned int& count) : m_count(count) {}
+    bool process(SP_VekMessage_&) override {
+        ++m_count;
+        return true;
+    }
+
+private:
+    unsigned int& m_count;
+};
+
 class TerminalFacade : public testing::Test {
 protected:
     void openBoth() {
@@ -144,11 +157,13 @@ TEST_F(TerminalFacade, closedTerminalsTakeNoReceiveFilter) {
 
 TEST_F(TerminalFacade, closedTerminalsMakeNoPrinter) {
     std::ostringstream stream;
-    SP_VekmsgFilter_ sp_filter;
+    unsigned int count = 0;
+    const SP_VekmsgFilter_ sp_old(new CountingFilter_(count));
+    SP_VekmsgFilter_ sp_filter = sp_old;
 
     EXPECT_FALSE(m_alpha.CreateMessagePrinter(&stream, "note", sp_filter));
 
-    EXPECT_FALSE(sp_filter);
+    EXPECT_EQ(sp_filter.get(), sp_old.get());
     EXPECT_EQ(m_records.take(), (Records_{notOpenYet("virtual bool VekmsgTerminal_::CreateMessagePrinter("
                                                      "std::ostream*, const char*, "
                                                      "SmartPointer_<VekmsgFilter_>&)",
@@ -349,19 +364,6 @@ TEST_F(TerminalFacade, theFilledPollEntriesAnnounceAMessage) {
     EXPECT_EQ(poll(entries, count, 10000), 1);
 }
 
-/// Notes the messages it sees and passes them on.
-class CountingFilter_ : public VekmsgFilter_ {
-public:
-    explicit CountingFilter_(unsigned int& count) : m_count(count) {}
-    bool process(SP_VekMessage_&) override {
-        ++m_count;
-        return true;
-    }
-
-private:
-    unsigned int& m_count;
-};
-
 TEST_F(TerminalFacade, filtersSeeWhatIsSentAndReceivedUntilClose) {
     openBoth();
     unsigned int sent = 0;
@@ -463,17 +465,20 @@ TEST_F(TerminalFacade, sendRawPayloadNeedsADestinationAndASchema) {
     EXPECT_FALSE(m_alpha.sendRawPayload(nullptr, utf8("schema"), encodedUint()));
     EXPECT_FALSE(m_alpha.sendRawPayload(utf8("beta"), nullptr, encodedUint()));
     EXPECT_FALSE(m_alpha.sendRawPayload(utf8(""), utf8("schema"), encodedUint()));
+    EXPECT_FALSE(m_alpha.sendRawPayload(nullptr, nullptr, encodedUint()));
 
+    const Record_ nullDestination(3, "vekmsg_binary.cpp",
+                                  "virtual bool VekMessageBinary_::setDestination(const Utf8Char_*)",
+                                  "VekMessageBinary_::setDestination(): null p_destinationName");
     EXPECT_EQ(m_records.take(),
-              (Records_{Record_(3, "vekmsg_binary.cpp",
-                                "virtual bool VekMessageBinary_::setDestination(const Utf8Char_*)",
-                                "VekMessageBinary_::setDestination(): null p_destinationName"),
+              (Records_{nullDestination,
                         Record_(3, "vekmsg_binary.cpp",
                                 "virtual bool VekMessageBinary_::setPayloadSchema(const Utf8Char_*, "
                                 "VekMessage_::SchemaType_)",
                                 "VekMessageBinary_::setPayloadSchema(): null p_schema"),
                         Record_(3, "vekmsg_impl.cpp", "bool VekmsgTerminalImpl_::sendMessage(SP_VekMessage_)",
-                                "VekmsgTerminalImpl_::sendMessage() null destination")}));
+                                "VekmsgTerminalImpl_::sendMessage() null destination"),
+                        nullDestination}));
 }
 
 TEST_F(TerminalFacade, closedTerminalsRefuseToSendARawPayload) {
@@ -500,7 +505,7 @@ TEST_F(TerminalFacade, aSendingOperationThatThrowsFailsTheRawPayload) {
 class KeepingTerminal_ : public VekmsgTerminal_ {
 public:
     bool createMessage(SmartPointer_<VekMessage_>& sp_message) override {
-        sp_message = SP_VekMessage_(new VekMessageBinary_);
+        sp_message = m_sp_next ? m_sp_next : SP_VekMessage_(new VekMessageBinary_);
         return true;
     }
     bool sendMessage(SmartPointer_<VekMessage_> sp_message) override {
@@ -512,8 +517,40 @@ public:
         return true;
     }
 
+    SP_VekMessage_ m_sp_next;  // what is created; null: a new message each time
     SP_VekMessage_ m_sp_kept;
 };
+
+/// As an application's own class may be: without texts, and of no payload.
+class BareMessage_ : public VekMessageBinary_ {
+public:
+    bool setPayload(SP_VekmsgElement_) override { return false; }
+    const Utf8Char_* getSource() const override { return nullptr; }
+    const Utf8Char_* getPayloadSchema() const override { return nullptr; }
+};
+
+TEST_F(TerminalFacade, sendRawPayloadSendsWhereThePayloadIsRefused) {
+    KeepingTerminal_ terminal;
+    terminal.m_sp_next = SP_VekMessage_(new BareMessage_);
+
+    EXPECT_TRUE(terminal.sendRawPayload(utf8("beta"), utf8("schema"), encodedUint()));
+    EXPECT_EQ(terminal.m_sp_kept.get(), terminal.m_sp_next.get());
+}
+
+TEST_F(TerminalFacade, receiveRawPayloadOfAMessageWithoutTextsGivesEmptyOnes) {
+    KeepingTerminal_ terminal;
+    terminal.m_sp_kept = SP_VekMessage_(new BareMessage_);
+    SP_Utf8String_ sp_source;
+    SP_Utf8String_ sp_schema;
+    SP_BasicBuffer_ sp_payload = encodedUint();
+
+    EXPECT_TRUE(terminal.receiveRawPayload(sp_source, sp_schema, sp_payload));
+
+    EXPECT_TRUE(sp_source->empty());
+    EXPECT_TRUE(sp_schema->empty());
+    EXPECT_FALSE(sp_payload);
+    EXPECT_EQ(m_records.take(), Records_());
+}
 
 TEST_F(TerminalFacade, sendRawPayloadGoesThroughTheVirtualOperations) {
     KeepingTerminal_ terminal;
@@ -608,13 +645,17 @@ TEST_F(TerminalFacade, receiveRawPayloadGivesTheMessageAsItsParts) {
 }
 
 TEST_F(TerminalFacade, closedTerminalsRefuseToReceiveARawPayload) {
-    SP_Utf8String_ sp_source;
+    SP_Utf8String_ sp_source(new Utf8String_(utf8("old")));
     SP_Utf8String_ sp_schema;
     const SP_BasicBuffer_ sp_old = encodedUint();
     SP_BasicBuffer_ sp_payload = sp_old;
 
     EXPECT_FALSE(m_alpha.receiveRawPayload(sp_source, sp_schema, sp_payload));
 
+    ASSERT_TRUE(sp_source);
+    ASSERT_TRUE(sp_schema);
+    EXPECT_TRUE(sp_source->empty());
+    EXPECT_TRUE(sp_schema->empty());
     EXPECT_EQ(sp_payload.get(), sp_old.get());
     EXPECT_EQ(
         m_records.take(),
