@@ -84,7 +84,7 @@ bool VekMessageBinary_::printPayload(std::ostream& stream, unsigned int indent) 
         return true;
     }
     writeLine(stream, indent, "<vek:RawPayload>");
-    m_sp_rawPayload->print(&stream, m_sp_rawPayload->dataLength(), 2, 16, nullptr);
+    if (!m_sp_rawPayload->print(&stream, m_sp_rawPayload->dataLength(), 2, 16, nullptr)) return false;
     writeLine(stream, indent, "</vek:RawPayload>");
     return true;
 }

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <iomanip>
+#include <iterator>
 #include <sstream>
 #include <streambuf>
 
@@ -37,6 +38,16 @@ protected:
         ++m_flushes;
         return 0;
     }
+};
+
+/// Keeps what is written without asking for memory.
+class Page_ : public std::streambuf {
+public:
+    Page_() { setp(m_text, std::end(m_text)); }
+    std::string text() const { return std::string(pbase(), pptr()); }
+
+private:
+    char m_text[1000];
 };
 
 class XmlRendering : public RecordingTest_ {
@@ -119,6 +130,18 @@ TEST_F(XmlRendering, aPayloadThatDoesNotPrintEndsTheMessage) {
 
     EXPECT_FALSE(m_sp_message->print(&stream, 0));
     EXPECT_EQ(stream.str(), kHead);
+}
+
+TEST_F(XmlRendering, aDumpWithoutMemoryEndsTheMessage) {
+    m_sp_message->setRawPayload(bufferOf(Bytes_(100, 7)));
+    Page_ page;
+    std::ostream stream(&page);
+    {
+        const AllocationFailure_ failure(1);
+        EXPECT_FALSE(m_sp_message->print(&stream, 0));
+        EXPECT_TRUE(failure.hasStruck());
+    }
+    EXPECT_EQ(page.text(), std::string(kHead) + "\t<vek:RawPayload>\n");
 }
 
 TEST_F(XmlRendering, nothingIsPrintedWithoutAStream) {
