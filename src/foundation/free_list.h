@@ -39,6 +39,9 @@ public:
         return p_link;
     }
 
+    /// Whether the next block is at hand, so that to take it asks nothing of the heap.
+    static bool hasOne() noexcept { return threadChain().m_p_first != nullptr; }
+
     /// Null is ignored.
     static void give(void* p_block) noexcept {
         if (p_block != nullptr) OfThisThread_().give(p_block);
@@ -166,6 +169,10 @@ struct FromFreeList_ {
     /// A template, because T is not complete before it is used.
     template <class U = T>
     using List_ = FreeList_<sizeof(U), MaxHeld>;
+
+    /// Whether one more can be made without asking the heap. One that would be made and dropped at once need
+    /// not be made then: nothing could fail, and nothing would be left of it.
+    static bool isAtHand() noexcept { return List_<>::hasOne(); }
 
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
         return size == sizeof(T) ? List_<>::take() : takeFromHeap(size);

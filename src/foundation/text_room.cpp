@@ -70,6 +70,12 @@ Utf8String_ takeRoom(std::size_t length) noexcept {
     }
 }
 
+bool isKeptRoomEnough(std::size_t length) noexcept {
+    const Rooms_* p_kept = rooms(false);
+    return p_kept != nullptr && p_kept->m_count != 0 &&
+           p_kept->m_texts[p_kept->m_count - 1].capacity() >= length;
+}
+
 void keepRoom(Utf8String_& text) noexcept {
     if (text.capacity() > kLongestKept) return;
     Rooms_* p_kept = rooms(true);

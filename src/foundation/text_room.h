@@ -13,13 +13,22 @@
 /// little. Throws, with `text` as it was, when memory is short. The bytes may lie in `text`.
 void assignText(Utf8String_& text, const Utf8Char_* p_bytes, std::size_t length);
 
+constexpr std::size_t kRoomInsideText = 15;
+
+/// Whether assignText to an empty text asks nothing of the heap, for more than lies inside a string.
+bool isKeptRoomEnough(std::size_t length) noexcept;
+
+/// The same for any length.
+inline bool isRoomAtHand(std::size_t length) noexcept {
+    return length <= kRoomInsideText || isKeptRoomEnough(length);
+}
+
 /// What keepRoomOf does with room that is not inside the string.
 void keepRoom(Utf8String_& text) noexcept;
 
 /// Takes the room of a text that is about to go, if it is more than lies inside a string and not very much.
 inline void keepRoomOf(Utf8String_& text) noexcept {
-    constexpr std::size_t kInside = 15;
-    if (text.capacity() > kInside) keepRoom(text);
+    if (text.capacity() > kRoomInsideText) keepRoom(text);
 }
 
 #endif

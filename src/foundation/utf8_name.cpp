@@ -27,6 +27,10 @@ private:
 
 }  // namespace
 
+[[gnu::hot]] bool isUtf8StringAtHand(std::size_t length) {
+    return NameHolder_::isAtHand() && isRoomAtHand(length);
+}
+
 [[gnu::hot]] SP_Utf8String_ createUtf8String(const Utf8Char_* p_text, std::size_t length) try {
     return SP_Utf8String_::adopt(new (std::nothrow) NameHolder_(p_text, length));
 } catch (const std::exception&) {

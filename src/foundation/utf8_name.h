@@ -19,6 +19,9 @@ inline SP_Utf8String_ createUtf8String() {
     return createUtf8String(nullptr, 0);
 }
 
+/// Whether a string of this length can be made without asking the heap.
+bool isUtf8StringAtHand(std::size_t length);
+
 /// Whether two texts that end at their NUL are the same. Most that are not differ at once.
 inline bool isSameText(const char* p_a, const char* p_b) {
     return *p_a == *p_b && std::strcmp(p_a, p_b) == 0;

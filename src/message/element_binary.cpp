@@ -180,14 +180,14 @@ bool VekmsgElementBinary_::addSubelements(SP_VekmsgElement_ sp_subElement) try {
 VEKMSG_RETURN_ON_EXCEPTION(false)
 
 SP_VekmsgElement_ VekmsgElementBinary_::handOut(VekmsgElementBinary_* p_subElement) const {
-    m_subElements.unseal();
+    m_subElements.noteHeld();
     return SP_VekmsgElement_(p_subElement);
 }
 
 SP_VekmsgElement_ VekmsgElementBinary_::findFirstMatchingSubelement(VekmsgTag_ tag) const {
     if (m_type != VEKMSG_COMPLEX) return SP_VekmsgElement_();
     if (isAny(tag)) return m_subElements.size() != 0 ? handOut(m_subElements[0]) : SP_VekmsgElement_();
-    if (VekmsgElementBinary_* p_guess = m_subElements.guess(tag)) return handOut(p_guess);
+    if (VekmsgElementBinary_* p_guess = findAtOnce(tag)) return handOut(p_guess);
     const SP_VekmsgElementBinary_ sp_probe = createSibling(tag);
     if (sp_probe.isNull()) {
         VEKMSG_LOG_ERROR(
@@ -227,14 +227,19 @@ void VekmsgElementBinary_::endQuerySubelements() {
     m_subElements.endQuery();
 }
 
+inline VekmsgElementBinary_* VekmsgElementBinary_::findAtOnce(VekmsgTag_ tag) const {
+    return m_type == VEKMSG_COMPLEX && isAtHand() ? m_subElements.guess(tag) : nullptr;
+}
+
 template <class... Value>
 inline bool VekmsgElementBinary_::readSubElement(VekmsgTag_ tag, Value&... value) const {
-    const VekmsgElementBinary_* p_guess = m_type == VEKMSG_COMPLEX ? m_subElements.guess(tag) : nullptr;
+    const VekmsgElementBinary_* p_guess = findAtOnce(tag);
     return p_guess != nullptr ? p_guess->getValue(value...) : readFoundSubElement(tag, value...);
 }
 
 template <class... Value>
 bool VekmsgElementBinary_::readFoundSubElement(VekmsgTag_ tag, Value&... value) const {
+    const SubElements_::Looking_ looking(m_subElements);
     const SP_VekmsgElement_ sp_subElement = findFirstMatchingSubelement(tag);
     return !sp_subElement.isNull() && sp_subElement->getValue(value...);
 }

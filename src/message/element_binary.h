@@ -130,6 +130,9 @@ private:
     /// A new element of the same message; null with a record when memory is short.
     SP_VekmsgElementBinary_ createSibling(VekmsgTag_ tag) const;
 
+    /// What a search would find, where that is known and no probe could fail for want of memory; else null.
+    VekmsgElementBinary_* findAtOnce(VekmsgTag_ tag) const;
+
     /// For the application to hold, and to change.
     SP_VekmsgElement_ handOut(VekmsgElementBinary_* p_subElement) const;
 
@@ -201,7 +204,7 @@ inline void SubElements_::add(VekmsgElementBinary_* p_element) {
     VekmsgElementBinary_*& p_place = family.m_elements[family.m_size];
     family.m_elements[family.m_total++] = p_place;  // a spare, if there are any
     p_place = p_element;
-    family.m_isSealed = false;
+    noteHeld();
     const bool isQueriedToTheEnd = hasNext() && family.m_queryEnd == family.m_size;
     addSpare();
     if (isQueriedToTheEnd) family.m_queryEnd = family.m_size;
@@ -217,12 +220,10 @@ inline VekmsgTag_ SubElements_::lastTag() const {
 }
 
 inline VekmsgElementBinary_* SubElements_::guess(VekmsgTag_ tag) const {
-    if (m_p_family == nullptr || m_p_family->m_guess >= m_p_family->m_size) return nullptr;
-    const auto hasTag = [tag](const VekmsgElementBinary_* p_element) {
-        return p_element != nullptr && p_element->m_tag == tag;
-    };
+    if (m_p_family == nullptr || !m_p_family->m_hasOwnTags) return nullptr;
+    if (m_p_family->m_guess >= m_p_family->m_size) return nullptr;
     VekmsgElementBinary_* const* p_place = begin() + m_p_family->m_guess;
-    if (!hasTag(*p_place) || (m_p_family->m_guess != 0 && hasTag(p_place[-1]))) return nullptr;
+    if (p_place[0]->m_tag != tag || (m_p_family->m_guess != 0 && p_place[-1]->m_tag == tag)) return nullptr;
     ++m_p_family->m_guess;
     return *p_place;
 }

@@ -286,7 +286,11 @@ inline unsigned int VekmsgElementBinary_::deserializeSubElement(const unsigned c
     spare.m_writtenSize = 0;
     spare.m_subElements.clear();
     const unsigned int consumed = spare.deserialize(p_bytestream, bytestreamLength);
-    if (consumed != 0) subElements.addSpare();
+    if (consumed != 0) {
+        subElements.addSpare();
+    } else {
+        spare.m_subElements.clear();  // of what was read so far
+    }
     return consumed;
 }
 

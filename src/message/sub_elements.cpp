@@ -140,7 +140,7 @@ void SubElements_::startFamily(bool isRead) {
     Family_* p_kept = KeptFamilies_::take(isRead);
     m_p_family = p_kept != nullptr ? p_kept : new Family_;
     m_p_family->m_isRead = isRead;
-    m_p_family->m_isSealed = true;
+    m_p_family->m_isSealed = m_p_family->m_hasOwnTags = true;
     m_p_family->m_cursor = m_p_family->m_queryEnd = m_p_family->m_guess = 0;
 }
 

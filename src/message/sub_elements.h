@@ -18,6 +18,8 @@ class VekmsgElementBinary_;
 /// children that nobody else holds stay together as spares, and the next one of this thread that is read
 /// starts with them. For the bounds see `KeptFamilies_`.
 class SubElements_ {
+    struct Family_;
+
 public:
     using Position_ = std::size_t;
 
@@ -69,16 +71,35 @@ public:
     /// Of the last child. VEKMSGTAG_ANY, than which no tag from the wire is less, when there is none.
     VekmsgTag_ lastTag() const;
 
-    /// To be called before somebody else may hold a child, or a child or spare has children. Requires one.
+    /// To be called before a child or spare has children. Requires one.
     void unseal() const { m_p_family->m_isSealed = false; }
+    /// To be called before somebody else may hold a child. Requires one.
+    void noteHeld() const { m_p_family->m_isSealed = m_p_family->m_hasOwnTags = false; }
+
+    /// Around what holds a child and changes nothing of it, and lets go of it again.
+    class Looking_ {
+    public:
+        explicit Looking_(const SubElements_& children)
+            : m_p_family(children.m_p_family),
+              m_hadOwnTags(m_p_family != nullptr && m_p_family->m_hasOwnTags) {}
+        Looking_(const Looking_&) = delete;
+        Looking_& operator=(const Looking_&) = delete;
+        ~Looking_() {
+            if (m_p_family != nullptr) m_p_family->m_hasOwnTags = m_hadOwnTags;
+        }
+
+    private:
+        Family_* m_p_family;
+        bool m_hadOwnTags;
+    };
 
     /// The first that is not less.
     Position_ lowerBound(const VekmsgElementBinary_* p_probe) const;
     /// The first that is greater.
     Position_ upperBound(const VekmsgElementBinary_* p_probe) const;
 
-    /// The first child with the tag, if it stands behind the one found before, as it does for who asks in the
-    /// order of tags. Null where that is not so, or not known.
+    /// What a search for the tag would find, if it stands behind the one found before, as it does for who
+    /// asks in the order of tags. Null where that is not so, or not known.
     VekmsgElementBinary_* guess(VekmsgTag_ tag) const;
     /// Requires that there is such a position.
     void noteFound(Position_ position) const { m_p_family->m_guess = position + 1; }
@@ -122,6 +143,11 @@ private:
         // Whether nobody else has ever held one of the children and none has children: then all can be spares
         // without a look at any.
         bool m_isSealed = true;
+
+        // Whether nobody else has ever held one of the children: each still has the tag that it was read
+        // with, of 16 bits, and so the order is a whole one. What stands side by side then tells what a
+        // search finds.
+        bool m_hasOwnTags = true;
 
         Family_* m_p_next = nullptr;  // of those kept
 

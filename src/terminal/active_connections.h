@@ -26,7 +26,7 @@ public:
     iterator find(const SP_VekmsgConnection_& sp_connection) const;
 
     /// That which `find` found last, or before that the first one, if its peer has this name; else null. Most
-    /// messages go where the one before went, and nothing has to be made to find that.
+    /// messages go where the one before went, and `find` takes a connection with a name to compare with.
     VekmsgConnection_* findLatest(const Utf8Char_* p_peerName) const;
 
     /// The first whose peer name is greater.

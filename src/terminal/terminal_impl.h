@@ -153,6 +153,10 @@ protected:
     void processPollEvents(Settling_, VekmsgConnection_& old, VekmsgConnection_& accepted);
     bool processPollEvents(Serving_, VekmsgConnection_& active, bool& gotData);
 
+    /// What findActiveConnection would give, where that is known and neither the copy of the name nor the
+    /// probe could fail for want of memory; else null.
+    VekmsgConnection_* findAtOnce(const Utf8Char_* p_name) const;
+
     // The stages of sending: finding the connection or making it, making it, connecting a socket to the first
     // address that takes it, the next usable address of the list, and handing the framed message to the
     // connection.

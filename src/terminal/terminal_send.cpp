@@ -45,12 +45,18 @@ VEKMSG_RETURN_ON_EXCEPTION(false)
         VEKMSG_LOG_ERROR("VekmsgTerminalImpl_::sendMessage() sp_message is not binary encoded");
         return false;
     }
-    SP_VekmsgConnection_ sp_connection(m_activeConnections.findLatest(p_binary->getDestination()));
-    const bool isReady = sp_connection && sp_connection->isFunctional();
-    if (!isReady && !sendMessage(Finding_(), p_binary->getDestination(), sp_connection)) return false;
+    SP_VekmsgConnection_ sp_connection(findAtOnce(p_binary->getDestination()));
+    if (!sp_connection && !sendMessage(Finding_(), p_binary->getDestination(), sp_connection)) return false;
     return sendMessage(Handing_(), *p_binary, *sp_connection);
 }
 VEKMSG_RETURN_ON_EXCEPTION(false)
+
+[[gnu::hot]] VekmsgConnection_* VekmsgTerminalImpl_::findAtOnce(const Utf8Char_* p_name) const {
+    VekmsgConnection_* p_latest = m_activeConnections.findLatest(p_name);
+    const bool isFound = p_latest != nullptr && p_latest->isFunctional() && VekmsgConnection_::isAtHand() &&
+                         isUtf8StringAtHand(Utf8CharTraits_::length(p_name));
+    return isFound ? p_latest : nullptr;
+}
 
 bool VekmsgTerminalImpl_::sendMessage(Finding_, const Utf8Char_* p_destination,
                                       SP_VekmsgConnection_& sp_connection) {

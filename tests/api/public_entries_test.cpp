@@ -476,9 +476,9 @@ INSTANTIATE_TEST_SUITE_P(
                     }},
         OfMessages_{"addSubelements", true,
                     [](Messages_& s) { s.m_sp_element->addSubelements(s.m_sp_root); }},
-        OfMessages_{"getSubElementValueOfAUint", false,
+        OfMessages_{"getSubElementValueOfAUint", true,
                     [](Messages_& s) { s.m_sp_root->getSubElementValue(3, s.m_number); }},
-        OfMessages_{"getSubElementValueOfABool", false,
+        OfMessages_{"getSubElementValueOfABool", true,
                     [](Messages_& s) {
                         bool isSet = false;
                         s.m_sp_root->getSubElementValue(3, isSet);
@@ -680,7 +680,7 @@ INSTANTIATE_TEST_SUITE_P(
                        vekmsg_element_set_subelement_value_as_bytestream(s.m_p_root, 20, utf8(kSchema), 4);
                    }},
         OfHandles_{
-            "get_subelement_value_as_uint", false,
+            "get_subelement_value_as_uint", true,
             [](Handles_& s) { vekmsg_element_get_subelement_value_as_uint(s.m_p_root, 3, &s.m_number); }},
         OfHandles_{
             "get_subelement_value_as_string", true,

@@ -305,3 +305,16 @@ TEST(FromFreeList, aThrowingConstructorLeaksNothing) {
         EXPECT_LE(allocationsOf([] { delete new (std::nothrow) Node_; }), 1U);
     });
 }
+
+TEST(FreeList, itHasOneWhileABlockWaits) {
+    inFreshThread([] {
+        EXPECT_FALSE(Pair_::hasOne());
+        void* p_block = Pair_::take();
+        EXPECT_FALSE(Pair_::hasOne());
+        Pair_::give(p_block);
+        EXPECT_EQ(Pair_::hasOne(), g_isOn);
+        p_block = Pair_::take();
+        EXPECT_FALSE(Pair_::hasOne());
+        Pair_::give(p_block);
+    });
+}

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <limits>
 #include <string>
 
+#include "foundation/free_list.h"
 #include "support/allocation_failure.h"
 
 namespace {
@@ -96,4 +98,31 @@ TEST(SameText, isTheSameUpToItsEnd) {
         EXPECT_FALSE(isSameText("anna", p_other)) << p_other;
         EXPECT_FALSE(isSameText(p_other, "anna")) << p_other;
     }
+}
+
+TEST(Utf8Name, aStringIsAtHandExactlyWhenItsMakingAsksForNoMemory) {
+    const std::size_t lengths[] = {0, 1, 15, 16, 17, 100, 511, 512, 513, 1000};
+    const std::string text(1000, 'x');
+    unsigned int atHand = 0;
+    for (const std::size_t used : lengths) {
+        for (const std::size_t length : lengths) {
+            bool isExpected = false;
+            bool isMade = false;
+            inFreshThread([&] {
+                createUtf8String(bytes(text.c_str()), used);  // what it leaves in the thread
+                isExpected = isUtf8StringAtHand(length);
+                const AllocationFailure_ failure(1);
+                isMade = static_cast<bool>(createUtf8String(bytes(text.c_str()), length));
+            });
+            EXPECT_EQ(isExpected, isMade) << used << ", " << length;
+            atHand += isExpected;
+        }
+    }
+    EXPECT_EQ(atHand != 0, VEKMSG_FREE_LISTS != 0);
+}
+
+TEST(Utf8Name, aThreadHasNoStringAtHandAtFirst) {
+    bool isAtHand = true;
+    inFreshThread([&] { isAtHand = isUtf8StringAtHand(1); });
+    EXPECT_FALSE(isAtHand);
 }

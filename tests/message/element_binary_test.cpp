@@ -76,6 +76,15 @@ protected:
         return queried();
     }
 
+    /// The element as its receiver has it.
+    SP_VekmsgElementBinary_ readAgain() const {
+        unsigned char bytes[1000];
+        const unsigned int length = m_sp_element->serialize(std::end(bytes), sizeof bytes);
+        SP_VekmsgElementBinary_ sp_read = newElement(0);
+        EXPECT_EQ(sp_read->deserialize(std::end(bytes) - length, length), length);
+        return sp_read;
+    }
+
     void expectNoValue() {
         EXPECT_EQ(m_sp_element->getMaxSerializationSize(), 12U);
         EXPECT_FALSE(m_sp_element->getValue(m_number));
@@ -415,6 +424,30 @@ TEST_F(VekmsgElementBinary, aTagThatIsNotThereIsNotFound) {
     EXPECT_EQ(m_records.take(), Records_());
 }
 
+TEST_F(VekmsgElementBinary, whatWasAskedBeforeDoesNotChangeWhatIsFound) {
+    add(5, 51);
+    add(7, 71);
+    m_sp_element = readAgain();
+    m_sp_element->findFirstMatchingSubelement(5)->setTag(9);  // not where a search for 9, or for 7, comes by
+
+    EXPECT_TRUE(m_sp_element->findFirstMatchingSubelement(7).isNull());
+    EXPECT_FALSE(m_sp_element->getSubElementValue(7, m_number));
+    EXPECT_FALSE(m_sp_element->getSubElementValue(9, m_number));
+}
+
+TEST_F(VekmsgElementBinary, whatWasAskedBeforeDoesNotChangeWhatIsFoundOfTagsWithoutAnOrder) {
+    const VekmsgTag_ tags[] = {0xC0000000, 0, 0x30000000, 0xF0000000, 0x90000000};
+    for (const VekmsgTag_ tag : tags) add(tag, 1);
+
+    for (const VekmsgTag_ tag : tags) {
+        const bool isFound = !m_sp_element->findFirstMatchingSubelement(tag).isNull();
+        for (const VekmsgTag_ before : tags) {
+            m_sp_element->getSubElementValue(before, m_number);
+            EXPECT_EQ(m_sp_element->getSubElementValue(tag, m_number), isFound) << before << ", " << tag;
+        }
+    }
+}
+
 TEST_F(VekmsgElementBinary, aValueElementFindsNothingWithoutARecord) {
     m_sp_element->setValue(5U);
 
@@ -626,23 +659,33 @@ TEST_F(VekmsgElementBinary, attributesAreNotProvided) {
     EXPECT_EQ(m_records.take(), Records_());
 }
 
-TEST_F(VekmsgElementBinary, valuesReadInTheOrderOfTagsAskForNoMemory) {
+TEST_F(VekmsgElementBinary, withoutMemoryForAProbeNoValueIsReadInTheOrderOfTagsEither) {
+    add(1, 10);
+    add(2, 20);
+    m_sp_element = readAgain();
     inFreshThread([&] {
-        m_sp_element->setSubElementValue(1, 10U);
-        m_sp_element->setSubElementValue(2, text("two"));
-        m_sp_element->setSubElementValue(3, text("abc"), 3);
-        m_sp_element->setSubElementValue(4, true);
         const AllocationFailure_ failure(1);
-
-        EXPECT_TRUE(m_sp_element->getSubElementValue(1, m_number));
-        EXPECT_TRUE(m_sp_element->getSubElementValue(2, m_p_text));
-        EXPECT_TRUE(m_sp_element->getSubElementValue(3, m_p_value, m_length));
-        EXPECT_TRUE(m_sp_element->getSubElementValue(4, m_flag));
+        EXPECT_FALSE(m_sp_element->getSubElementValue(1, m_number));
     });
+    EXPECT_EQ(m_records.take(), (Records_{kCantCreate, kNoProbe}));
+
+    EXPECT_TRUE(m_sp_element->getSubElementValue(1, m_number));
+    inFreshThread([&] {
+        const AllocationFailure_ failure(1);
+        EXPECT_TRUE(m_sp_element->findFirstMatchingSubelement(2).isNull());
+    });
+    EXPECT_EQ(m_records.take(), (Records_{kCantCreate, kNoProbe}));
     EXPECT_EQ(m_number, 10U);
-    EXPECT_STREQ(reinterpret_cast<const char*>(m_p_text), "two");
-    EXPECT_EQ(m_length, 3U);
-    EXPECT_TRUE(m_flag);
+}
+
+TEST_F(VekmsgElementBinary, anyTagIsTheFirstSubElementWhateverTheOthersAreCalled) {
+    for (const VekmsgTag_ tag : {1U, 2U, 3U}) add(tag, 10 * tag);
+    m_sp_element = readAgain();
+    m_sp_element->findFirstMatchingSubelement(3)->setTag(VEKMSGTAG_ANY);
+
+    EXPECT_FALSE(m_sp_element->findFirstMatchingSubelement(2).isNull());
+    EXPECT_TRUE(m_sp_element->getSubElementValue(VEKMSGTAG_ANY, m_number));
+    EXPECT_EQ(m_number, 10U);
 }
 
 TEST_F(VekmsgElementBinary, ofEqualTagsTheFirstIsReadHoweverOftenOneAsks) {
@@ -650,6 +693,7 @@ TEST_F(VekmsgElementBinary, ofEqualTagsTheFirstIsReadHoweverOftenOneAsks) {
     add(5, 51);
     add(5, 52);
     add(6, 61);
+    m_sp_element = readAgain();
     const auto valueOf = [&](VekmsgTag_ tag) {
         unsigned int value = 0;
         return m_sp_element->getSubElementValue(tag, value) ? value : 0;

@@ -62,6 +62,24 @@ protected:
     SP_VekmsgElementBinary_ m_sp_element = newElement(0);
 };
 
+/// An element with these sub-elements.
+Bytes_ tree(const Bytes_& subElements) {
+    return element(5, VEKMSG_COMPLEX, subElements);
+}
+
+SP_VekmsgElementBinary_ readTree(const Bytes_& subElements) {
+    SP_VekmsgElementBinary_ sp_element = newElement(0);
+    EXPECT_NE(deserialize(*sp_element, tree(subElements)), 0U);
+    return sp_element;
+}
+
+unsigned int countIn(VekmsgElement_& parent) {
+    unsigned int count = 0;
+    EXPECT_TRUE(parent.querySubelements(VEKMSGTAG_ANY));
+    while (parent.getNextSubelement()) ++count;
+    return count;
+}
+
 }  // namespace
 
 TEST_F(ElementCodec, aNumberIsWrittenAsFourBytes) {
@@ -608,4 +626,41 @@ TEST_F(ElementCodec, numbersOf32BitsTravel) {
         EXPECT_EQ(uintOf(*sp_read), number);
     }
     EXPECT_EQ(m_records.take(), Records_());
+}
+
+// Elements that serve again
+
+TEST_F(ElementCodec, anElementThatWasAddedAndIsStillHeldIsNotReadInto) {
+    const SP_VekmsgElementBinary_ sp_held = newElement(9, 99U);
+    {
+        const SP_VekmsgElementBinary_ sp_first = readTree(uintElement(1, 1) + uintElement(2, 2));
+        ASSERT_TRUE(sp_first->addSubelements(sp_held));
+    }
+    const SP_VekmsgElementBinary_ sp_next =
+        readTree(uintElement(1, 1) + uintElement(2, 2) + uintElement(3, 3) + uintElement(4, 4));
+
+    EXPECT_EQ(countIn(*sp_next), 4U);
+    EXPECT_EQ(sp_held->getTag(), 9U);
+    EXPECT_EQ(uintOf(*sp_held), 99U);
+}
+
+TEST_F(ElementCodec, aValueReadWhereATreeWasHasNoSubElements) {
+    readTree(element(1, VEKMSG_COMPLEX, uintElement(7, 7)) + uintElement(2, 2));
+    const SP_VekmsgElementBinary_ sp_next = readTree(uintElement(1, 1) + uintElement(2, 2));
+
+    const SP_VekmsgElement_ sp_value = sp_next->findFirstMatchingSubelement(1);
+    ASSERT_TRUE(sp_value->addSubelements(newElement(3, 3U)));
+    EXPECT_EQ(countIn(*sp_value), 1U);
+}
+
+TEST_F(ElementCodec, aValueReadAfterATreeThatCouldNotBeReadHasNoSubElements) {
+    const Bytes_ bad = element(6, VEKMSG_COMPLEX, uintElement(1, 1) + Bytes_{0, 2, 0, 0, 0, 99});
+    EXPECT_EQ(read(tree(bad)), 0U);
+    EXPECT_FALSE(m_records.take().empty());
+    EXPECT_NE(read(tree(uintElement(7, 7))), 0U);
+
+    const SP_VekmsgElement_ sp_value = m_sp_element->findFirstMatchingSubelement(7);
+    ASSERT_TRUE(sp_value);
+    ASSERT_TRUE(sp_value->addSubelements(newElement(3, 3U)));
+    EXPECT_EQ(countIn(*sp_value), 1U);
 }

@@ -178,22 +178,22 @@ TEST_F(SubElements, anElementGoesWithTheLastThatSharesIt) {
 }
 
 TEST_F(SubElements, withoutMemoryNothingIsAdded) {
-    add(10);
-    for (unsigned int i = 1; i < 16; ++i) add(20);  // no room for more
-    const SP_VekmsgElementBinary_ sp_more = newElement(5);
-    {
+    inFreshThread([&] {
+        add(10);
+        for (unsigned int i = 1; i < 16; ++i) add(20);  // no room for more
         const AllocationFailure_ failure(1);
         EXPECT_THROW(m_children.makeRoom(), std::bad_alloc);
         EXPECT_TRUE(failure.hasStruck());
-    }
+    });
     EXPECT_EQ(m_children.size(), 16U);
+    const SP_VekmsgElementBinary_ sp_more = newElement(5);
     ::add(m_children, sp_more);
     EXPECT_EQ(m_children[0], sp_more.get());
 }
 
 TEST_F(SubElements, theNextOneIsGuessedWhenItIsTheFirstWithItsTag) {
     EXPECT_EQ(m_children.guess(10), nullptr);
-    for (const VekmsgTag_ tag : {10U, 20U, 20U, 30U}) add(tag);
+    read(m_children, {10, 20, 20, 30});
 
     EXPECT_EQ(m_children.guess(20), nullptr);
     EXPECT_EQ(m_children.guess(10), m_children[0]);
@@ -206,14 +206,31 @@ TEST_F(SubElements, theNextOneIsGuessedWhenItIsTheFirstWithItsTag) {
     EXPECT_EQ(m_children.guess(40), nullptr);
 }
 
-TEST_F(SubElements, aForeignChildIsNotGuessed) {
-    ::add(m_children, SP_VekmsgElementBinary_());
-    add(10);
+TEST_F(SubElements, noneIsGuessedOnceSomebodyElseMayHaveChangedATag) {
+    read(m_children, {10, 20});
+    EXPECT_EQ(m_children.guess(10), m_children[0]);
+    m_children.noteHeld();
+    EXPECT_EQ(m_children.guess(20), nullptr);
+}
 
+TEST_F(SubElements, noneIsGuessedOnceOneWasAdded) {
+    read(m_children, {10, 20});
+    add(30);
     EXPECT_EQ(m_children.guess(10), nullptr);
-    EXPECT_EQ(m_children.guess(VEKMSGTAG_ANY), nullptr);
-    m_children.noteFound(0);
-    EXPECT_EQ(m_children.guess(10), m_children[1]);
+}
+
+TEST_F(SubElements, guessingGoesOnAfterALook) {
+    { const SubElements_::Looking_ atNone(m_children); }
+    read(m_children, {10, 20});
+    {
+        const SubElements_::Looking_ looking(m_children);
+        m_children.noteHeld();
+        EXPECT_EQ(m_children.guess(10), nullptr);
+    }
+    EXPECT_EQ(m_children.guess(10), m_children[0]);
+    m_children.noteHeld();
+    { const SubElements_::Looking_ looking(m_children); }
+    EXPECT_EQ(m_children.guess(20), nullptr);
 }
 
 TEST_F(SubElements, theLastTagIsThatOfTheLastChild) {

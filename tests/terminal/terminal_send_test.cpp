@@ -577,31 +577,35 @@ TEST_F(TerminalSend, aConnectionIsNotMadeWithoutMemory) {
     EXPECT_TRUE(anna->m_activeConnections.empty());
 }
 
-TEST_F(TerminalSend, nothingIsMadeToFindWhereTheLastMessageWent) {
+TEST_F(TerminalSend, whereTheLastMessageWentIsNotFoundWithoutMemoryForTheLookUp) {
     const std::string longName(100, 'd');
     const Terminal_ anna = open("anna", {local("bert") + ' ' + longName, local("cora") + " cora"});
     RawListener_ bert(local("bert"));
     RawListener_ cora(local("cora"));
-    ASSERT_TRUE(anna->sendMessage(messageTo(longName, 1)));
-    ASSERT_TRUE(anna->sendMessage(messageTo("cora", 2)));
-    const auto recordsWithoutMemory = [&] {
+    ASSERT_TRUE(anna->sendMessage(messageTo("cora", 1)));
+    ASSERT_TRUE(anna->sendMessage(messageTo(longName, 2)));
+    const Record_ noName = error(kSendFinding, "VekmsgTerminalImpl_::sendMessage() can't create Utf8String_");
+    const Record_ noProbe =
+        error(kFind, "VekmsgTerminalImpl_::findActiveConnection() Can't create VekmsgConnection_");
+    const auto recordsWithoutMemoryFor = [&](unsigned int number, const std::string& name) {
         FixedRecords_ records;
         inFreshThread([&] {
-            const SP_VekMessage_ sp_message = messageTo(longName, 3);
-            AllocationFailure_ failure(1);
+            const SP_VekMessage_ sp_message = messageTo(name, 3);
+            const AllocationFailure_ failure(number);
             EXPECT_FALSE(anna->sendMessage(sp_message));
         });
         return records.all();
     };
-    EXPECT_EQ(recordsWithoutMemory(),
-              Records_{error(kSendFinding, "VekmsgTerminalImpl_::sendMessage() can't create Utf8String_")});
 
-    ASSERT_TRUE(anna->sendMessage(messageTo(longName, 4)));  // not found at once
-    ASSERT_TRUE(anna->sendMessage(messageTo(longName, 5)));  // found at once
+    EXPECT_EQ(recordsWithoutMemoryFor(1, longName), Records_{noName});
+    EXPECT_EQ(recordsWithoutMemoryFor(2, longName), Records_{noName});  // its text
+    ASSERT_FALSE(recordsWithoutMemoryFor(3, longName).empty());
+    EXPECT_EQ(recordsWithoutMemoryFor(3, longName)[0], noProbe);
 
-    const Records_ records = recordsWithoutMemory();
-    ASSERT_EQ(records.size(), 1U);
-    EXPECT_EQ(records[0].m_text, "VekMessageBinary_::serialize() Can't create basicBuffer_");
+    ASSERT_TRUE(anna->sendMessage(messageTo("cora", 4)));
+    EXPECT_EQ(recordsWithoutMemoryFor(1, "cora"), Records_{noName});
+    ASSERT_FALSE(recordsWithoutMemoryFor(2, "cora").empty());
+    EXPECT_EQ(recordsWithoutMemoryFor(2, "cora")[0], noProbe);
     EXPECT_EQ(anna->m_activeConnections.size(), 2U);
 }
 
