@@ -60,7 +60,7 @@ public:
 
     /// Dumps the first `length` data bytes in hexadecimal: `group` bytes without a blank between them,
     /// `perLine` bytes a line, each line behind `p_prefix` (null: nothing) and closed by a line end. False,
-    /// with nothing written, when there is no stream or no such length.
+    /// with nothing written, when there is no stream or no such length, or `group` or `perLine` is 0.
     bool print(std::ostream* p_stream, unsigned int length, unsigned int group, unsigned int perLine,
                const char* p_prefix) const;
 

@@ -35,8 +35,8 @@ typedef enum {
     VEKMSG_WAIT_MESSAGE = 2
 } vekmsg_terminal_wait_result_;
 
-/* Opens a terminal under a component's name; a null path means /etc/vek.names.directory. Null when that
- * fails, with nothing left behind. */
+/* Opens a terminal under a component's name; a null path means /etc/vek.names.directory. A file of any kind
+ * at a local address of its own is deleted. Null when that fails, with nothing left behind. */
 VEKMSG_API void* vekmsg_terminal_open(const utf8_char_* componentName, const char* directoryPath);
 
 /* Ends all connections, with whatever is still queued, and the terminal. Null is ignored. */
@@ -48,20 +48,24 @@ VEKMSG_API void* vekmsg_terminal_create_message(void* terminal);
 /* Success means taken over, not arrived. The caller keeps its handle. */
 VEKMSG_API vekmsg_status_ vekmsg_terminal_send_message(void* terminal, void* message);
 
-/* Does all pending work without waiting. On success *message is a new handle, or null when there is no
+/* Never waits. Does no work while received messages are queued; else each connection reads and writes, and
+ * each listening socket accepts one peer. On success *message is a new handle, or null when there is no
  * message now. */
 VEKMSG_API vekmsg_status_ vekmsg_terminal_receive_message(void* terminal, void** message);
 
-/* Works until a message may be received, or for `timeout` milliseconds without any event. VEKMSG_WAIT_ERROR
- * says that it could not go on. */
+/* Works until a message may be received, or for `timeout` milliseconds without any event. Time spent on
+ * events is not charged, nor is a poll that a signal interrupts: a busy peer or a periodic signal may
+ * prolong the wait without bound. VEKMSG_WAIT_ERROR says that it could not go on. */
 VEKMSG_API vekmsg_terminal_wait_result_ vekmsg_terminal_wait_for_message(void* terminal,
                                                                          unsigned int timeout);
 
-/* Waits at most `timeout` milliseconds on `count` descriptors of the caller (at most 128) and on the
- * terminals that follow as handles, ended by a null pointer: (void*)0, not 0. All descriptors together may be
- * 256. Returns -2 on an error, -1 when the time is over, 0 when a terminal has a message, or the number of
- * the caller's descriptors that are ready. Receive on each terminal until nothing is left before waiting
- * again: messages already taken off their streams do not end this wait. */
+/* Waits on `count` descriptors of the caller (at most 128) and on the terminals that follow as handles, ended
+ * by a null pointer: (void*)0, not 0, until `timeout` milliseconds have passed without any event; time is
+ * charged as by vekmsg_terminal_wait_for_message. All descriptors together may be 256. Returns -2 on an
+ * error, -1 when the time is over, 0 when a terminal has a message, or the number of the caller's descriptors
+ * that are ready; 0 tells nothing of these, which are not looked at when a terminal has a message already.
+ * Receive on each terminal until nothing is left before waiting again: messages already taken off their
+ * streams do not end this wait. */
 VEKMSG_API int vekmsg_terminal_pollfd(struct pollfd* fds, unsigned int count, unsigned int timeout, ...);
 
 VEKMSG_API vekmsg_status_ vekmsg_message_set_destination(void* message, const utf8_char_* destinationName);
@@ -106,7 +110,8 @@ VEKMSG_API vekmsg_status_ vekmsg_element_get_value_as_bytestream(void* element,
                                                                  const unsigned char** p_stream,
                                                                  unsigned int* p_length);
 
-/* Each sets the first sub-element with this tag, adding one when there is none. */
+/* Each sets the first sub-element with this tag, adding one when there is none. A value set on the element
+ * hides its sub-elements: then one is added behind them, all count again, and reading gives the first. */
 VEKMSG_API vekmsg_status_ vekmsg_element_set_subelement_value_as_uint(void* element, vekmsg_tag_ tag,
                                                                       unsigned int value);
 VEKMSG_API vekmsg_status_ vekmsg_element_set_subelement_value_as_string(void* element, vekmsg_tag_ tag,

@@ -19,7 +19,8 @@ using SP_VekmsgElement_ = SmartPointer_<VekmsgElement_>;
 /// one smart pointer is seen through all, also inside the trees that the element was added to. A tree must
 /// not contain itself. Elements of other implementations than the library's own cannot be encoded.
 ///
-/// Operations that return bool fail with false and one record that says why; outputs are then untouched.
+/// Operations that return bool fail with false and one record that says why, or none where that is said or
+/// memory is short; outputs are then untouched.
 class VEKMSG_API VekmsgElement_ : public BasicObject_ {
 public:
     virtual VekmsgTag_ getTag() const = 0;
@@ -31,7 +32,8 @@ public:
     virtual bool getValue(const Utf8Char_*& p_value) const = 0;
     virtual bool getValue(const unsigned char*& p_value, unsigned int& length) const = 0;
 
-    /// Each replaces the element's value and type. Sub-elements are kept but no longer count.
+    /// Each replaces the element's value and type. Sub-elements are kept but no longer count until another
+    /// one is added.
     virtual bool setValue(unsigned int value) = 0;
     virtual bool setValue(bool value) = 0;
     /// Copies at most 9399 characters; longer text is cut with a warning. Null fails and leaves no value.
@@ -44,7 +46,8 @@ public:
     virtual SP_VekmsgElement_ findFirstMatchingSubelement(VekmsgTag_ tag) const = 0;
 
     /// Begins a walk over the sub-elements with this tag, or over all for VEKMSGTAG_ANY; finding none is
-    /// success. An element has one walk at a time. Fails when the element has no sub-elements but a value.
+    /// success. An element has one walk at a time. Fails when the element is not complex: when no sub-element
+    /// was ever added, or setValue() was called since.
     virtual bool querySubelements(VekmsgTag_ tag) = 0;
     /// The next sub-element of the walk, in tag order and in order of adding among equal tags; null at its
     /// end.
@@ -60,7 +63,8 @@ public:
     virtual SmartPointer_<VekmsgAttribute_> getAttribute(VekmsgTag_ tag) const = 0;
     virtual bool setAttribute(SmartPointer_<VekmsgAttribute_> sp_attribute) = 0;
 
-    /// Writes the tree as XML-like text for people, nothing escaped. False when the stream is null.
+    /// Writes the tree as XML-like text for people, nothing escaped. False, without a record, when the stream
+    /// is null.
     virtual bool print(std::ostream* p_stream, unsigned int indent) const = 0;
 
     /// The value of the first sub-element with this tag. False, without a record, when there is no such
@@ -71,9 +75,10 @@ public:
     virtual bool getSubElementValue(VekmsgTag_ tag, const unsigned char*& p_value,
                                     unsigned int& length) const = 0;
 
-    /// Sets the first sub-element with this tag, adding one when there is none. Write a plain number as `2U`:
-    /// a signed one could be meant as number or as boolean. Fails for VEKMSGTAG_ANY, and
-    /// as `setValue` does; the new sub-element then stays, without a value.
+    /// Sets the first sub-element with this tag, adding one when there is none. Those that setValue() on this
+    /// element has hidden are not found: one is added behind them, all count again, and reading gives the
+    /// first. Write a plain number as `2U`: a signed one could be meant as number or as boolean. Fails for
+    /// VEKMSGTAG_ANY, and as `setValue` does; the new sub-element then stays, without a value.
     virtual bool setSubElementValue(VekmsgTag_ tag, unsigned int value) = 0;
     virtual bool setSubElementValue(VekmsgTag_ tag, bool value) = 0;
     virtual bool setSubElementValue(VekmsgTag_ tag, const Utf8Char_* p_value) = 0;

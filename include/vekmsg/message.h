@@ -21,7 +21,8 @@ using SP_VekMessage_ = SmartPointer_<VekMessage_>;
 /// arrives with its raw payload and is decoded when getPayload() is first called; one that is only passed on
 /// never is.
 ///
-/// Operations that return bool fail with false and one record that says why, and change nothing.
+/// Operations that return bool fail with false and one record that says why, or none where that is said or
+/// memory is short, and change nothing.
 class VEKMSG_API VekMessage_ : public BasicObject_ {
 public:
     /// What the schema text is. It does not travel: a received message always says SCHEMA_LITERAL.
@@ -46,7 +47,7 @@ public:
     virtual SchemaType_ getPayloadSchemaType() const = 0;
 
     /// True with a tree, or with encoded bytes whose first item is whole; decoding may still find them
-    /// damaged.
+    /// damaged. False leaves no record.
     virtual bool hasGoodPayload() const = 0;
 
     /// The tree, decoded now if it still is in its encoded form. Null when there is no payload or when it
@@ -59,15 +60,15 @@ public:
     /// Each replaces whatever payload there was; null leaves none. A raw payload is one encoded element; the
     /// message shares the buffer, and sending may use it up: it writes into the room in front of the data. A
     /// buffer without such room is copied instead; one with room for the message but not for the 4 bytes of
-    /// its block header makes sending fail.
+    /// its block header makes sending fail, and is used up too.
     virtual bool setPayload(SP_VekmsgElement_ sp_payload) = 0;
     virtual bool setRawPayload(SP_BasicBuffer_ sp_rawPayload) = 0;
 
     /// A new element for a payload tree, not yet part of one. Null when memory is short.
     virtual SP_VekmsgElement_ createElement(VekmsgTag_ tag) const = 0;
 
-    /// Writes the message as XML-like text for people, nothing escaped and nothing decoded. False when the
-    /// stream is null.
+    /// Writes the message as XML-like text for people, nothing escaped and nothing decoded. False, without a
+    /// record, when the stream is null.
     virtual bool print(std::ostream* p_stream, unsigned int indent) const = 0;
 };
 

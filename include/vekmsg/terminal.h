@@ -23,8 +23,8 @@ class VekmsgTerminalImpl_;
 ///
 /// Operations that return bool fail with false and a record that says why: at debug level, which the default
 /// threshold leaves out, where a peer is away or an address is taken. A filter that refuses and a lack of
-/// memory may leave none. Nothing is thrown. Every operation but open and close fails on a terminal that
-/// is not open. Deleting a terminal closes it.
+/// memory may leave none. Nothing is thrown. Every operation but open and close fails on a closed terminal;
+/// after an open() that failed some of them succeed until close(). Deleting a terminal closes it.
 class VEKMSG_API VekmsgTerminal_ {
 public:
     enum WaitResult_ : std::uint32_t { WAIT_ERROR = 0, WAIT_TIMEOUT = 1, WAIT_MESSAGE = 2 };
@@ -37,12 +37,17 @@ public:
     VekmsgTerminal_& operator=(const VekmsgTerminal_&) = delete;
 
     /// Reads the name directory (null: /etc/vek.names.directory) and listens on the addresses that it lists
-    /// for `componentName`. A local socket file at such an address is taken over, also from a process that
-    /// still listens there: let one process at a time use a name. A name that is not listed may open: it has
-    /// no address, reaches out, and is answered on its own connections. Fails for a null or empty name, a
-    /// directory that cannot be read, or an address that cannot be listened on; close() then releases what
-    /// was taken. Opening an open terminal ends its established connections and fails for a TCP address,
-    /// which the terminal itself still holds: close it first.
+    /// for `componentName`. A file of any kind at a local one (but no folder) is deleted without a record,
+    /// also the socket of a process that still listens there: let one process at a time use a name, and check
+    /// the paths. A name that is not listed may open: it has no address, reaches out, and is answered on its
+    /// own connections. Fails for a null or empty name, a directory file that cannot be opened, or an address
+    /// that cannot be listened on; close() then releases what was taken. A directory file that cannot be
+    /// read, such as a folder, ends there, with the error record "bad file".
+    ///
+    /// Close an open terminal first: it keeps its listening sockets, so that a TCP address that it holds
+    /// already fails the call. Success ends all connections but those whose peer has not named itself yet,
+    /// with all that is queued on them in either direction. Failure ends none, and may leave the new name and
+    /// directory in force.
     virtual bool open(const unsigned char* componentName, const char* directoryPath);
 
     /// Ends all connections at once, with whatever is still queued on them. Harmless on a closed terminal,
@@ -59,8 +64,9 @@ public:
     /// filter refuses.
     virtual bool sendMessage(SmartPointer_<VekMessage_> sp_message);
 
-    /// Does all pending work without waiting and gives the next message for this component, or null when
-    /// there is none now. Fails on an internal fault, with `sp_message` null, or when a receive filter
+    /// Gives the next message for this component, or null when there is none now, without waiting. Does no
+    /// work while received messages are queued; else each connection reads and writes, and each listening
+    /// socket accepts one peer. Fails on an internal fault, with `sp_message` null, or when a receive filter
     /// refuses a message.
     virtual bool receiveMessage(SmartPointer_<VekMessage_>& sp_message);
 
@@ -68,7 +74,8 @@ public:
     virtual bool isConnected(const unsigned char* componentName) const;
 
     /// Works until receiveMessage() has something to do or `timeout` milliseconds have passed without any
-    /// event. Time spent on events is not charged: a busy terminal may wait longer.
+    /// event. Time spent on events is not charged, nor is a poll that a signal interrupts: a busy peer or a
+    /// periodic signal may prolong the wait without bound.
     virtual WaitResult_ waitForMessage(unsigned int timeout);
 
     /// Describes the terminal's descriptors for a poll() of the caller's own. `count` is the capacity of the
@@ -89,7 +96,8 @@ public:
     virtual ~VekmsgTerminal_();
 
     /// Sends a message with this literal schema. The buffer is not an element, so that no payload is found
-    /// and the call fails for want of one; a message with setRawPayload() sends encoded bytes.
+    /// and the call fails for want of one, unless a send filter adds one or swallows the message; a message
+    /// with setRawPayload() sends encoded bytes.
     virtual bool sendRawPayload(const unsigned char* destination, const unsigned char* schema,
                                 SmartPointer_<BasicBuffer_> sp_payload);
 
@@ -99,15 +107,17 @@ public:
                                    SmartPointer_<Utf8String_>& sp_schema,
                                    SmartPointer_<BasicBuffer_>& sp_payload);
 
-    /// Waits at most `timeout` milliseconds on the caller's `count` descriptors (at most 128) and on several
-    /// terminals at once; all their descriptors together may be 256. The terminals follow as VekmsgTerminal_
-    /// pointers, ended by a null pointer; closed ones do not count. The returned events of the caller's
-    /// entries are filled in when at least one of them is ready. Receive on each terminal until it gives null
-    /// before waiting again: one receiveMessage() may have taken messages of several peers off their streams,
-    /// and those that it has not given out yet do not end this wait.
+    /// Waits on the caller's `count` descriptors (at most 128) and on several terminals at once, until
+    /// `timeout` milliseconds have passed without any event; time is charged as by waitForMessage(). All
+    /// descriptors together may be 256. The terminals follow as VekmsgTerminal_ pointers, ended by a null
+    /// pointer; closed ones do not count. The returned events of the caller's entries are filled in when at
+    /// least one of them is ready. POLL_MESSAGE tells nothing of them: they are not looked at when a terminal
+    /// has something already. Receive on each terminal until it gives null before waiting again: one
+    /// receiveMessage() may have taken messages of several peers off their streams, and those that it has not
+    /// given out yet do not end this wait.
     static PollResult_ pollFd(pollfd* p_pollFd, unsigned int count, unsigned int timeout, ...);
 
-    /// The inner object of a terminal, null while it is not open.
+    /// The inner object of a terminal, null before open(), even one that fails, and after close().
     static void* getImplementation(void* terminal);
 
 private:
