@@ -50,6 +50,15 @@ private:
     char m_text[1000];
 };
 
+/// Keeps what is written, with a bar wherever it was flushed.
+class FlushMarks_ : public std::stringbuf {
+protected:
+    int sync() override {
+        sputc('|');
+        return 0;
+    }
+};
+
 class XmlRendering : public RecordingTest_ {
 protected:
     XmlRendering() {
@@ -124,6 +133,17 @@ TEST_F(XmlRendering, aReceivedMessageIsDumpedAndStaysUndecoded) {
     EXPECT_EQ(m_sp_message->getRawPayload(), sp_buffer);
 }
 
+TEST_F(XmlRendering, aRawPayloadIsDumpedSixteenBytesALine) {
+    m_sp_message->setRawPayload(bufferOf(element(5, VEKMSG_BINARY, {1, 2, 3, 4, 5, 6, 7, 8, 0xAB})));
+
+    EXPECT_EQ(printed(*m_sp_message), std::string(kHead) +
+                                          "\t<vek:RawPayload>\n"
+                                          "0005 0000 000f 0000 0004 0009 0102 0304\n"
+                                          "0506 0708 ab\n"
+                                          "\t</vek:RawPayload>\n"
+                                          "</vek:Message>\n");
+}
+
 TEST_F(XmlRendering, aPayloadThatDoesNotPrintEndsTheMessage) {
     m_sp_message->setPayload(SP_VekmsgElement_(new ForeignElement_(1)));
     std::ostringstream stream;
@@ -186,6 +206,15 @@ TEST_F(XmlRendering, nineBytesStandOnALineOfTheirOwn) {
               "\t</Tag_5>\n");
 }
 
+TEST_F(XmlRendering, aLongByteStringIsDumpedSixteenBytesALine) {
+    EXPECT_EQ(printed(*newBinary(5, Bytes_(33, 0xAB)), 1),
+              "\t<Tag_5 Type=\"binary\">\n"
+              "\t\t+++\tab ab ab ab ab ab ab ab ab ab ab ab ab ab ab ab\n"
+              "+++\tab ab ab ab ab ab ab ab ab ab ab ab ab ab ab ab\n"
+              "+++\tab\n"
+              "\t</Tag_5>\n");
+}
+
 TEST_F(XmlRendering, anElementWithoutValueIsUnknown) {
     EXPECT_EQ(printed(*newElement(12)), "<Tag_12 Type=\"unknown\"></Tag_12>\n");
 }
@@ -245,6 +274,18 @@ TEST_F(XmlRendering, everyLineIsFlushed) {
 
     EXPECT_EQ(counter.m_lines, 8U);
     EXPECT_EQ(counter.m_flushes, 8U);
+}
+
+TEST_F(XmlRendering, theLinesAroundADumpAreFlushed) {
+    m_sp_message->setRawPayload(bufferOf(uintElement(5, 7)));
+    FlushMarks_ marks;
+    std::ostream stream(&marks);
+
+    EXPECT_TRUE(m_sp_message->print(&stream, 0));
+
+    const std::string marked = marks.str();
+    EXPECT_NE(marked.find("\t<vek:RawPayload>\n|"), std::string::npos) << marked;
+    EXPECT_NE(marked.find("\t</vek:RawPayload>\n|</vek:Message>\n|"), std::string::npos) << marked;
 }
 
 TEST_F(XmlRendering, everyLineOfATreeIsFlushed) {
