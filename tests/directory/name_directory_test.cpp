@@ -235,6 +235,16 @@ TEST_F(NameDirectory, aCommentEndsTheLineWhereverItStands) {
     EXPECT_EQ(firstDefaultOf(m_directory), "local:///a/four");
 }
 
+TEST_F(NameDirectory, aNameEndsAtABlankOrATab) {
+    EXPECT_TRUE(
+        open("local:///a/one one more\nlocal:///a/two two\tmore\nlocal:///a/three three\t\n"
+             "local:///a/four\tfour\tmore and more\n"));
+
+    EXPECT_EQ(m_records.take(), Records_{});
+    for (const char* p_name : {"one", "two", "three", "four"})
+        EXPECT_EQ(addressesOf(m_directory, p_name), Texts_{std::string("local:///a/") + p_name});
+}
+
 TEST_F(NameDirectory, aCarriageReturnBelongsToTheLastToken) {
     EXPECT_TRUE(open("local:///a/router router\r\nlocal:///a/default\r\n"));
 
@@ -383,6 +393,19 @@ TEST_F(NameDirectoryEntry, theEndOfTheFileIsANullAddressAndThenABadFile) {
 
 TEST_F(NameDirectoryEntry, aFileThatIsNotOpenIsBad) {
     m_file.setstate(std::ios::failbit);
+    m_sp_address = new std::string("before");
+
+    EXPECT_FALSE(next());
+
+    EXPECT_EQ(text(m_sp_address), "(null)");
+    EXPECT_EQ(text(m_sp_name), "");
+    EXPECT_EQ(m_lineNumber, 0U);
+    EXPECT_EQ(m_records.take(), Records_{badFile()});
+}
+
+TEST_F(NameDirectoryEntry, aFileThatBrokeBeforeIsBad) {
+    start("local:///a/router router\n");
+    m_file.setstate(std::ios::badbit);
     m_sp_address = new std::string("before");
 
     EXPECT_FALSE(next());
