@@ -44,6 +44,7 @@ struct Gate_ {
 struct State_ {
     Plan_ m_plans[SystemCalls_::NumberOfCalls];
     Gate_ m_gate;
+    int m_accessMode;
     unsigned int m_clockOffset;
     bool m_isClockStopped;
     struct timespec m_stoppedClock;
@@ -322,6 +323,10 @@ unsigned int SystemCalls_::count(Call_ call) const {
     return g_state.m_plans[call].m_count;
 }
 
+int SystemCalls_::accessMode() const {
+    return g_state.m_accessMode;
+}
+
 void SystemCalls_::concernOnly(const std::string& library) {
     findCode(library.c_str(), g_state.m_p_library);
     findCode("libstdc++.so", g_state.m_p_streams);
@@ -461,6 +466,7 @@ int close(int descriptor) {
 }
 
 int access(const char* p_path, int mode) noexcept {
+    if (isConcerned(SystemCalls_::Access, PLACE)) g_state.m_accessMode = mode;
     return carryOut(SystemCalls_::Access, PLACE,
                     [=] { return next<decltype(access)>("access")(p_path, mode); });
 }

@@ -88,6 +88,9 @@ public:
     /// Calls since this object was made.
     unsigned int count(Call_ call) const;
 
+    /// What the last `access` asked for.
+    int accessMode() const;
+
     /// From now on only what this loaded library calls ("libvekmsg.so") is planned, counted and witnessed,
     /// and only its clock is moved. The calls that the standard library makes to read files count as its own.
     void concernOnly(const std::string& library);

@@ -393,12 +393,17 @@ TEST(VekSocketAddress, exactlyTheNativeBytesAreFilledIn) {
     EXPECT_EQ(inet.m_bytes[16], 0xEE);
 }
 
-TEST(VekSocketAddress, fillingInNothingIsRefused) {
+TEST(VekSocketAddress, fillingInNothingIsRefusedWhateverTheAddress) {
+    VekSocketAddress_ refused;
     RecordCapture_ records;
+    EXPECT_FALSE(refused.setRealName("inettcp://nothing"));
+    records.take();
 
-    EXPECT_FALSE(addressOf("local:///tmp/a").fillInNative(nullptr));
+    for (const VekSocketAddress_& address : {addressOf("local:///tmp/a"), VekSocketAddress_(), refused}) {
+        EXPECT_FALSE(address.fillInNative(nullptr));
 
-    EXPECT_EQ(records.take(), Records_{error(kFill, "VekSocketAddress_::fillInNative() null p_addr")});
+        EXPECT_EQ(records.take(), Records_{error(kFill, "VekSocketAddress_::fillInNative() null p_addr")});
+    }
 }
 
 TEST(VekSocketAddress, anUnsetAddressFillsInNothing) {
@@ -492,6 +497,19 @@ TEST(VekSocketAddress, aNativeLocalAddressIsTakenOver) {
     EXPECT_EQ(address.realName(), "local:///tmp/peer");
     EXPECT_TRUE(address.isEqual(addressOf("local:///tmp/peer")));
     EXPECT_EQ(records.take(), Records_{});
+}
+
+TEST(VekSocketAddress, aNativeLocalAddressReplacesEveryByteOfALongerOne) {
+    sockaddr_un native = {};
+    native.sun_family = AF_UNIX;
+    std::memset(native.sun_path, 'q', sizeof(native.sun_path));
+    std::strcpy(native.sun_path, "/tmp/peer");  // what follows the NUL is taken over as well
+    VekSocketAddress_ address = addressOf("local:///" + std::string(106, 'p'));
+
+    EXPECT_TRUE(address.extractFromNative(&native));
+
+    EXPECT_EQ(address.realName(), "local:///tmp/peer");
+    EXPECT_EQ(std::memcmp(nativeOf(address).m_bytes, &native, sizeof(native)), 0);
 }
 
 TEST(VekSocketAddress, anUnnamedNativeLocalAddressIsAWildcard) {

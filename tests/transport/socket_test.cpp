@@ -90,6 +90,16 @@ TEST_F(VekSocket, eachAddressTypeHasItsKindOfDescriptor) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(VekSocket, theOtherFlagsOfTheDescriptorStay) {
+    m_calls.answer(SystemCalls_::Fcntl, O_RDWR | O_APPEND);  // as if it had been made with one more
+
+    EXPECT_TRUE(m_socket.initialize(wildcardOf(Type_::LOCAL)));
+
+    const int mask = O_APPEND | O_NONBLOCK;
+    EXPECT_EQ(::fcntl(m_socket.descriptor(), F_GETFL) & mask, mask);
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
 TEST_F(VekSocket, aWildcardIsNotBound) {
     for (const VekSocketAddress_& wildcard :
          {wildcardOf(Type_::LOCAL), wildcardOf(Type_::INET_TCP), wildcardOf(Type_::INET_UDP),
@@ -138,6 +148,18 @@ TEST_F(VekSocket, aSocketFileInTheWayIsRemoved) {
 
     EXPECT_TRUE(m_socket.initialize(addressOf(m_folder.localAddress("socket"))));
 
+    EXPECT_EQ(modeOf(path), static_cast<mode_t>(S_IFSOCK | 0777));
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(VekSocket, aSocketFileInTheWayIsRemovedWhateverItsMode) {
+    const std::string path = m_folder.writeFile("socket", {});
+    EXPECT_EQ(::chmod(path.c_str(), 0), 0);
+
+    EXPECT_TRUE(m_socket.initialize(addressOf(m_folder.localAddress("socket"))));
+
+    EXPECT_EQ(m_calls.count(SystemCalls_::Access), 1U);
+    EXPECT_EQ(m_calls.accessMode(), F_OK);  // the superuser may read and write any file
     EXPECT_EQ(modeOf(path), static_cast<mode_t>(S_IFSOCK | 0777));
     EXPECT_EQ(m_records.take(), Records_{});
 }
