@@ -130,6 +130,24 @@ TEST_F(Receiving, theLastByteOfANameIsTakenForItsNul) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(Receiving, theNameThatThePeerSendsReplacesOneThatIsSet) {
+    const struct {
+        std::string m_payload;
+        std::string m_name;
+    } cases[] = {{std::string("abc\0", 4), "abc"}, {"", ""}};
+    for (const auto& each : cases) {
+        openAccepted();
+        const SP_Utf8String_ sp_before = nameOf("before");
+        m_sp_connection->setPeerName(sp_before);
+
+        EXPECT_TRUE(deliver(block(1, each.m_payload)));
+
+        EXPECT_EQ(peerName(), each.m_name);
+        EXPECT_EQ(*sp_before, *nameOf("before"));  // others may hold it
+    }
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
 TEST_F(Receiving, aNamePayloadOfNoneOrOneByteGivesAnEmptyName) {
     for (const char* p_payload : {"", "x"}) {
         openAccepted();

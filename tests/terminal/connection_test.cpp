@@ -209,6 +209,20 @@ TEST_F(Connection, startForgetsTheBlockBefore) {
     EXPECT_EQ(m_sp_connection->m_blockLength, 0U);
 }
 
+TEST_F(Connection, startInTheMiddleOfABlockBeginsWithAFreshBuffer) {
+    openNamed();
+    ASSERT_TRUE(deliver(block(2, "hello").substr(0, 4)));
+    ASSERT_EQ(m_sp_connection->m_decodeOffset, 4U);
+
+    EXPECT_TRUE(m_sp_connection->start());
+
+    EXPECT_EQ(m_sp_connection->m_decodeOffset, 0U);
+    EXPECT_TRUE(deliver(block(2, "next")));
+    EXPECT_EQ(received(), Texts_{block(2, "next")});
+    EXPECT_EQ(m_records.take(),
+              (Records_{socketRecord(4, kReceive, "VekSocket_::receive() discard pending receive buffer")}));
+}
+
 TEST_F(Connection, anOutgoingOneSendsItsNameAsSoonAsItIsConnected) {
     openOutgoing();
 
@@ -235,6 +249,27 @@ TEST_F(Connection, theNameGoesOutInTheFirstTurnAfterTheConnectCompletes) {
 
     EXPECT_EQ(m_sp_connection->state(), Connection_::STATE_RECEIVING_HEADER);
     EXPECT_EQ(m_peer.read(9), nameBlock("here"));
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(Connection, startLeavesTheFailedState) {
+    const struct {
+        Type_ m_type;
+        Connection_::ConnectionState_ m_state;
+    } cases[] = {{Type_::INET_TCP, Connection_::STATE_SENDING_NAME},
+                 {Type_::LOCAL, Connection_::STATE_RECEIVING_HEADER}};
+    for (const auto& each : cases) {
+        openOutgoing(each.m_type);
+        m_sp_connection->m_connectionState = Connection_::STATE_FAILED;
+
+        EXPECT_TRUE(m_sp_connection->start());
+
+        EXPECT_EQ(m_sp_connection->state(), each.m_state);
+        awaitWritable(socket().descriptor());
+        EXPECT_TRUE(turn());
+        EXPECT_EQ(m_peer.read(9), nameBlock("here"));
+        EXPECT_TRUE(m_sp_connection->isFunctional());
+    }
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
@@ -596,6 +631,20 @@ TEST_F(Connection, blocksWaitInOrderWhileTheSocketIsBusy) {
     EXPECT_TRUE(turn());
     EXPECT_EQ(m_peer.read(14), "pending onetwo");
     EXPECT_EQ(sendQueue(), Texts_{});
+    EXPECT_EQ(m_records.take(), Records_{});
+}
+
+TEST_F(Connection, aBlockDoesNotOvertakeThoseThatWaitThoughTheSocketIsFree) {
+    const SP_BareConnection_ sp_other(new (std::nothrow) BareConnection_);
+    sp_other->m_sendQueue.push_back(bufferOf("one"));
+    sp_other->m_sendQueue.push_back(bufferOf("two"));
+    openNamed();
+    ASSERT_TRUE(m_sp_connection->mergeQueues(sp_other.get()));
+
+    EXPECT_TRUE(m_sp_connection->sendEncodedMessage(bufferOf("three")));
+
+    EXPECT_EQ(sendQueue(), Texts_{});
+    EXPECT_EQ(m_peer.readArrived(), "onetwothree");
     EXPECT_EQ(m_records.take(), Records_{});
 }
 

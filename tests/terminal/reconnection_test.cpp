@@ -209,6 +209,24 @@ TEST_F(Reconnection, aConnectThatFailsAtOnceCountsAndSoDoLaterAttempts) {
     EXPECT_EQ(m_records.take(), Records_{});
 }
 
+TEST_F(Reconnection, aHandshakeThatCannotStartOnTheNewSocketIsNoSuccess) {
+    breakStream({"block"});
+    const SP_VekSocket_ sp_before = m_sp_connection->m_sp_socket;
+    m_sp_connection->m_sp_myName.reset();
+
+    EXPECT_FALSE(m_sp_connection->reconnectFailedSocket());
+
+    EXPECT_EQ(
+        m_records.take(),
+        (Records_{connectionRecord(7, kReconnect, "Reconnecting socket between  and abc after 1 failures"),
+                  connectionRecord(3, "bool VekmsgConnection_::start()",
+                                   "VekmsgConnection_::start() Can't start without myName")}));
+    EXPECT_NE(m_sp_connection->m_sp_socket, sp_before);
+    EXPECT_EQ(m_sp_connection->state(), Connection_::STATE_IDLE);
+    EXPECT_EQ(m_sp_connection->m_failureCount, 1U);
+    EXPECT_EQ(m_sp_connection->m_sendQueue.size(), 1U);
+}
+
 TEST_F(Reconnection, anAddressThatCannotBeCopiedFailsTheConnection) {
     inFreshThread([&] {
         breakStream({});
@@ -261,6 +279,21 @@ TEST_F(Reconnection, aTurnReconnectsAConnectionThatHasBlocksToSend) {
     EXPECT_EQ(m_sp_connection->state(), Connection_::STATE_SENDING_NAME);
     EXPECT_FALSE(m_sp_connection->isFunctional());
     EXPECT_TRUE(m_sp_connection->isStarting());
+}
+
+TEST_F(Reconnection, aTurnThatCannotReconnectAnnouncesNoBlocks) {
+    openNamed();
+    m_sp_connection->m_connectionState = Connection_::STATE_FAILED;
+    m_sp_connection->m_receivedBuffers.push_back(bufferOf("received"));
+    m_sp_connection->m_sendQueue.push_back(bufferOf("waiting"));
+    m_hasMessages = true;
+
+    EXPECT_FALSE(turn());
+
+    EXPECT_FALSE(m_hasMessages);
+    EXPECT_EQ(received(), (std::vector<std::string>{"received"}));
+    EXPECT_EQ(bytesOf(m_sp_connection->m_sendQueue), (std::vector<std::string>{"waiting"}));
+    EXPECT_EQ(m_records.take(), (Records_{gaveUp(1)}));
 }
 
 TEST_F(Reconnection, aWriteThatFailsReconnectsAndKeepsTheBlock) {
