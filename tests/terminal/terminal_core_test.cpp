@@ -20,6 +20,10 @@ Record_ listening(const std::string& component, const std::string& address) {
     return information(kOpenOwn, component + " is listening on " + address);
 }
 
+Record_ underDevelopment(const std::string& address) {
+    return warning(kOpenOwn, "UDP binding " + address + " for component anna is still under development");
+}
+
 class TerminalCore : public Installation_ {
 protected:
     bool opens(const std::string& component, const std::vector<std::string>& lines) {
@@ -46,6 +50,22 @@ TEST_F(TerminalCore, anEmptyNameDoesNotOpen) {
     EXPECT_EQ(m_records.take(),
               Records_{error(kOpen, "VekmsgTerminalImpl_::open() null component name string")});
     EXPECT_TRUE(m_terminal.m_sp_componentName.isNull());
+}
+
+TEST_F(TerminalCore, aNameThatIsRefusedLeavesAnOpenTerminalOpenUnderItsOwn) {
+    const Utf8Char_* const names[] = {nullptr, utf8("")};
+    EXPECT_TRUE(opens("anna", locals({"anna"})));
+    const std::string path = directory("other", {});
+    for (const Utf8Char_* p_name : names) {
+        EXPECT_FALSE(m_terminal.open(p_name, path.c_str()));
+
+        ASSERT_FALSE(m_terminal.m_sp_componentName.isNull());
+        EXPECT_EQ(text(m_terminal.m_sp_componentName->c_str()), "anna");
+    }
+    EXPECT_EQ(m_terminal.m_listeningSockets.size(), 1U);
+    const Terminal_ bert = openLocal("bert", {"anna"});
+    EXPECT_TRUE(bert->sendMessage(messageTo("anna", 1)));
+    EXPECT_EQ(numberIn(receiveAt(m_terminal)), 1U);
 }
 
 TEST_F(TerminalCore, aMissingDirectoryFileDoesNotOpen) {
@@ -78,6 +98,16 @@ TEST_F(TerminalCore, openListensOnEachOwnAddressInTheOrderOfTheDirectory) {
     EXPECT_TRUE(m_terminal.m_activeConnections.empty());
     RawPeer_ overTcp(tcp);
     RawPeer_ overLocal(local("anna"));
+}
+
+TEST_F(TerminalCore, recordsOfOwnAddressesShowThemAsTheyStandInTheDirectory) {
+    std::string tcp = freeTcpAddress();
+    tcp.insert(tcp.rfind(':') + 1, "0");
+
+    EXPECT_TRUE(opens("anna", {"inetudp://127.0.0.1:00 anna", tcp + " anna"}));
+
+    EXPECT_EQ(m_records.take(),
+              (Records_{kNoDefault, underDevelopment("inetudp://127.0.0.1:00"), listening("anna", tcp)}));
 }
 
 TEST_F(TerminalCore, theFirstDefaultAddressIsRemembered) {
@@ -115,6 +145,17 @@ TEST_F(TerminalCore, theOwnAddressIsNotUsedAsDefault) {
     EXPECT_EQ(m_terminal.m_defaultTransportAddress.type(), VekSocketAddress_::UNKNOWN);
 }
 
+TEST_F(TerminalCore, anOwnUdpAddressIsNotUsedAsDefaultEither) {
+    EXPECT_TRUE(opens("anna", {"inetudp://127.0.0.1:00", "inetudp://127.0.0.1:0 anna"}));
+
+    EXPECT_EQ(m_records.take(),
+              (Records_{warning(kOpenOwn,
+                                "Default transport address inetudp://127.0.0.1:00 is the same as anna self "
+                                "address. Not used"),
+                        underDevelopment("inetudp://127.0.0.1:0")}));
+    EXPECT_EQ(m_terminal.m_defaultTransportAddress.type(), VekSocketAddress_::UNKNOWN);
+}
+
 TEST_F(TerminalCore, aWildcardAmongTheOwnAddressesIsSkipped) {
     EXPECT_TRUE(opens("anna", {"inettcp:// anna", local("anna") + " anna"}));
 
@@ -139,12 +180,8 @@ TEST_F(TerminalCore, anOwnAddressThatDoesNotParseIsSkipped) {
 TEST_F(TerminalCore, anOwnUdpAddressIsNotServed) {
     EXPECT_TRUE(opens("anna", {"inetudp://127.0.0.1:0 anna", local("anna") + " anna"}));
 
-    EXPECT_EQ(m_records.take(),
-              (Records_{kNoDefault,
-                        warning(kOpenOwn,
-                                "UDP binding inetudp://127.0.0.1:0 for component anna is still under "
-                                "development"),
-                        listening("anna", local("anna"))}));
+    EXPECT_EQ(m_records.take(), (Records_{kNoDefault, underDevelopment("inetudp://127.0.0.1:0"),
+                                          listening("anna", local("anna"))}));
     EXPECT_EQ(m_terminal.m_listeningSockets.size(), 1U);
 }
 
@@ -227,6 +264,50 @@ TEST_F(TerminalCore, openingAgainEndsActiveConnectionsAndForgetsKeptBlocks) {
     EXPECT_TRUE(m_terminal.m_activeConnections.empty());
     EXPECT_TRUE(m_terminal.m_keptBlocks.empty());
     EXPECT_TRUE(peer.isAtEnd());
+}
+
+TEST_F(TerminalCore, openingAgainLeavesUnresolvedConnectionsAndReceivedMessages) {
+    EXPECT_TRUE(opens("anna", locals({"anna"})));
+    RawPeer_ unresolved(local("anna"));
+    ASSERT_TRUE(m_terminal.pass());
+    m_terminal.m_receivedMessages.push_back(messageTo("anna", 7));
+
+    EXPECT_TRUE(opens("anna", {local("anna2") + " anna"}));
+
+    EXPECT_EQ(m_terminal.m_unresolvedConnections.size(), 1U);
+    unresolved.write(nameBlock("bert") + messageBlock("anna", "bert", 8));
+    EXPECT_EQ(numbersAt(m_terminal), (std::vector<unsigned int>{7, 8}));
+}
+
+TEST_F(TerminalCore, openingAgainInVainLeavesConnectionsAndReceivedMessages) {
+    EXPECT_TRUE(opens("anna", locals({"anna"})));
+    RawPeer_ active(local("anna"));
+    active.write(nameBlock("bert"));
+    ASSERT_TRUE(m_terminal.pass());
+    RawPeer_ unresolved(local("anna"));
+    ASSERT_TRUE(m_terminal.pass());
+    m_terminal.m_receivedMessages.push_back(messageTo("anna", 1));
+    const struct {
+        std::string m_directory;
+        std::string m_component;  // whose name the terminal has afterwards
+        std::size_t m_listening;
+    } cases[] = {
+        {m_folder.path("missing"), "anna", 1},
+        {directory("cora", {local("cora") + " cora", "local://" + m_folder.path("no-folder/cora") + " cora"}),
+         "cora", 2}};
+    for (const auto& each : cases) {
+        EXPECT_FALSE(m_terminal.open(utf8("cora"), each.m_directory.c_str()));
+
+        ASSERT_FALSE(m_terminal.m_sp_componentName.isNull());
+        EXPECT_EQ(text(m_terminal.m_sp_componentName->c_str()), each.m_component);
+        EXPECT_EQ(m_terminal.m_listeningSockets.size(), each.m_listening);
+        EXPECT_TRUE(m_terminal.isConnected(utf8("bert")));
+        EXPECT_EQ(m_terminal.m_unresolvedConnections.size(), 1U);
+        EXPECT_EQ(m_terminal.m_receivedMessages.size(), 1U);
+    }
+    active.write(messageBlock("cora", "bert", 2));
+    unresolved.write(nameBlock("dora") + messageBlock("cora", "dora", 3));
+    EXPECT_EQ(numbersAt(m_terminal), (std::vector<unsigned int>{1, 2, 3}));
 }
 
 TEST_F(TerminalCore, closingAClosedTerminalDoesNothing) {

@@ -357,6 +357,35 @@ TEST_F(TerminalPoll, namesAreComparedAsUnsignedBytes) {
                                "Duplicate connections between anna and \xC3\xA4nna. Closing the new one")});
 }
 
+TEST_F(TerminalPoll, ofTwoAcceptedStreamsOfOneNameTheFirstIsTheOld) {
+    const struct {
+        std::string m_own;
+        std::string m_closed;
+        bool m_isFirstKept;
+    } cases[] = {{"anna", "the new one", true}, {"zoe", "the old", false}};
+    for (const auto& each : cases) {
+        const Terminal_ own = openLocal(each.m_own);
+        RawPeer_ first(local(each.m_own));
+        ASSERT_TRUE(own->pass());
+        RawPeer_ second(local(each.m_own));
+        ASSERT_TRUE(own->pass());
+        ASSERT_EQ(own->m_unresolvedConnections.size(), 2U);
+        second.write(nameBlock("bert"));
+        first.write(nameBlock("bert"));
+
+        EXPECT_TRUE(own->pass());
+
+        EXPECT_EQ(m_records.take(),
+                  Records_{warning(kSettling, "Duplicate connections between " + each.m_own +
+                                                  " and bert. Closing " + each.m_closed)});
+        RawPeer_& kept = each.m_isFirstKept ? first : second;
+        RawPeer_& closed = each.m_isFirstKept ? second : first;
+        EXPECT_TRUE(closed.isAtEnd());
+        EXPECT_TRUE(own->sendMessage(messageTo("bert", 1)));
+        EXPECT_EQ(kept.readBlock(), messageBlock("bert", each.m_own, 1));
+    }
+}
+
 TEST_F(TerminalPoll, twoTerminalsThatConnectToEachOtherKeepTheStreamOfTheSmallerName) {
     const Terminal_ anna = openLocal("anna", {"bert"});
     const Terminal_ bert = openLocal("bert", {"anna"});

@@ -164,6 +164,20 @@ TEST_F(TerminalSend, aMessageToItselfIsRefusedBeforeTheFilterSeesIt) {
     EXPECT_FALSE(wasCalled);
 }
 
+TEST_F(TerminalSend, aNameThatOnlyResemblesTheOwnOneIsAnotherComponent) {
+    for (const char* p_other : {"Anna", "annA", "ann", "anna2"}) {
+        const Terminal_ anna = open("anna", {local("anna") + " anna", local(p_other) + ' ' + p_other});
+        RawListener_ listener(local(p_other));
+
+        EXPECT_TRUE(anna->sendMessage(messageTo(p_other, 1)));
+
+        EXPECT_EQ(m_records.take(), Records_{}) << p_other;
+        RawPeer_ peer = listener.accept();
+        EXPECT_EQ(peer.readBlock(), nameBlock("anna"));
+        EXPECT_EQ(peer.readBlock(), messageBlock(p_other, "anna", 1));
+    }
+}
+
 TEST_F(TerminalSend, anEmptySourceBecomesTheOwnNameAndAnotherIsKept) {
     const Terminal_ anna = openLocal("anna", {"bert"});
     RawListener_ listener(local("bert"));
@@ -333,6 +347,14 @@ TEST_F(TerminalSend, aDestinationWithUdpAddressesAloneIsSkippedOncePerAddress) {
     EXPECT_EQ(m_records.take(),
               (Records_{skipped("inetudp://127.0.0.1:9"), skipped("inetudp://127.0.0.1:10")}));
     EXPECT_TRUE(anna->m_activeConnections.empty());
+}
+
+TEST_F(TerminalSend, aSkippedAddressIsShownInItsOwnForm) {
+    const Terminal_ anna = open("anna", {"inetudp://127.0.0.1:09 bert"});
+
+    EXPECT_FALSE(anna->sendMessage(messageTo("bert", 1)));
+
+    EXPECT_EQ(m_records.take(), (Records_{skipped("inetudp://127.0.0.1:9")}));
 }
 
 TEST_F(TerminalSend, aDestinationWithWildcardsAloneFailsWithoutARecord) {
