@@ -15,6 +15,7 @@
 #include "support/record_capture.h"
 #include "support/temporary_folder.h"
 #include "support/utf8_text.h"
+#include "terminal/foreign_message.h"
 #include "terminal/terminal_impl.h"
 
 namespace {
@@ -190,6 +191,13 @@ TEST_F(MessagePrinter, theStreamsOwnSettingsAreNeitherUsedNorUsedUp) {
     EXPECT_EQ(m_stream.str(), "\n<!-- here  note -->\n" + printed(sp_message));
     EXPECT_EQ(m_stream.width(), 40);
     EXPECT_EQ(m_stream.fill(), '*');
+}
+
+TEST_F(MessagePrinter, aMessageThatCannotBePrintedIsRefusedUnderItsComment) {
+    EXPECT_FALSE(print(SP_VekMessage_(new ForeignMessage_("there")), "note"));
+
+    EXPECT_EQ(m_stream.str(), "\n<!-- here  note -->\n");
+    EXPECT_EQ(m_records.take(), Records_{});
 }
 
 TEST_F(MessagePrinter, noMessageIsRefused) {

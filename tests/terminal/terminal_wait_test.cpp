@@ -291,6 +291,19 @@ TEST_F(TerminalWait, aFailingPollFailsPollFd) {
                              "error(22) Invalid argument")});
 }
 
+TEST_F(TerminalWait, theRecordOfAFailingPollFdShowsTheTimeThatRemained) {
+    SystemCalls_ calls;
+    calls.answer(SystemCalls_::Poll, 0);
+    calls.then().fail(SystemCalls_::Poll, ENOMEM);
+
+    EXPECT_EQ(pollFd(1700, {}), VekmsgTerminal_::POLL_ERROR);
+
+    EXPECT_EQ(m_records.take(),
+              Records_{error(kPollFd,
+                             "VekmsgTerminal_::pollFd(700) poll() for multiple terminal failed with "
+                             "error(12) Cannot allocate memory")});
+}
+
 TEST_F(TerminalWait, pollFdTakesAtMost128CallersDescriptors) {
     Pipe_ readable;
     readable.write();
@@ -390,6 +403,21 @@ TEST_F(TerminalWait, terminalsBehindTheOneWhoseDataCameDuringThePollAreServedToo
     EXPECT_EQ(calls.count(SystemCalls_::Poll), 1U);
     EXPECT_TRUE(anna->isConnected(utf8("bert")));
     EXPECT_TRUE(cora->isConnected(utf8("emil")));
+}
+
+TEST_F(TerminalWait, dataThatComesAtTheLastMomentIsTheResultWhicheverTerminalHasIt) {
+    for (const unsigned int place : {0U, 1U, 2U}) {
+        const Terminal_ terminals[] = {openLocal("anna"), openLocal("cora"), openLocal("dora")};
+        RawPeer_ bert = peer(text(terminals[place]->m_sp_componentName->c_str()), m_bertsMessage);
+        SystemCalls_ calls;
+        calls.fail(SystemCalls_::Accept, EAGAIN, 0, 3);  // the look before the poll finds nobody
+
+        EXPECT_EQ(pollFd(0, {terminals[0].get(), terminals[1].get(), terminals[2].get()}),
+                  VekmsgTerminal_::POLL_MESSAGE)
+            << place;
+
+        EXPECT_EQ(calls.count(SystemCalls_::Poll), 1U);
+    }
 }
 
 TEST_F(TerminalWait, readyCallersDescriptorsComeBeforeDataThatCameDuringThePoll) {
