@@ -99,6 +99,18 @@ protected:
 
     bool next() { return NameDirectory_::getEntry(&m_file, m_lineNumber, m_sp_address, m_sp_name); }
 
+    /// Before anything was read.
+    void expectBadFile() {
+        m_sp_address = new std::string("before");
+
+        EXPECT_FALSE(next());
+
+        EXPECT_EQ(text(m_sp_address), "(null)");
+        EXPECT_EQ(text(m_sp_name), "");
+        EXPECT_EQ(m_lineNumber, 0U);
+        EXPECT_EQ(m_records.take(), Records_{badFile()});
+    }
+
     std::ifstream m_file;
     unsigned int m_lineNumber = 0;
     SP_StdString_ m_sp_address;
@@ -393,27 +405,13 @@ TEST_F(NameDirectoryEntry, theEndOfTheFileIsANullAddressAndThenABadFile) {
 
 TEST_F(NameDirectoryEntry, aFileThatIsNotOpenIsBad) {
     m_file.setstate(std::ios::failbit);
-    m_sp_address = new std::string("before");
-
-    EXPECT_FALSE(next());
-
-    EXPECT_EQ(text(m_sp_address), "(null)");
-    EXPECT_EQ(text(m_sp_name), "");
-    EXPECT_EQ(m_lineNumber, 0U);
-    EXPECT_EQ(m_records.take(), Records_{badFile()});
+    expectBadFile();
 }
 
 TEST_F(NameDirectoryEntry, aFileThatBrokeBeforeIsBad) {
     start("local:///a/router router\n");
     m_file.setstate(std::ios::badbit);
-    m_sp_address = new std::string("before");
-
-    EXPECT_FALSE(next());
-
-    EXPECT_EQ(text(m_sp_address), "(null)");
-    EXPECT_EQ(text(m_sp_name), "");
-    EXPECT_EQ(m_lineNumber, 0U);
-    EXPECT_EQ(m_records.take(), Records_{badFile()});
+    expectBadFile();
 }
 
 TEST_F(NameDirectoryEntry, noFileIsBad) {
